@@ -1,0 +1,18 @@
+# One static library per source folder, its sources found by glob so that new units need no edit here.
+# A folder without sources yet becomes an interface library, so dependants still configure.
+function(s2e_folder_library name)
+    cmake_parse_arguments(ARG "" "" "EXCLUDE;DEPS" ${ARGN})
+    file(GLOB _srcs CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+    foreach(_ex IN LISTS ARG_EXCLUDE)
+        list(REMOVE_ITEM _srcs ${CMAKE_CURRENT_SOURCE_DIR}/${_ex})
+    endforeach()
+    if(_srcs)
+        add_library(${name} STATIC ${_srcs})
+        target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+        target_link_libraries(${name} PUBLIC s2e_options ${ARG_DEPS})
+    else()
+        add_library(${name} INTERFACE)
+        target_include_directories(${name} INTERFACE ${CMAKE_CURRENT_SOURCE_DIR})
+        target_link_libraries(${name} INTERFACE s2e_options ${ARG_DEPS})
+    endif()
+endfunction()

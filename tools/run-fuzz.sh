@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang and runs each for a bounded time from its seed corpus.
+# Usage: tools/run-fuzz.sh [seconds-per-target]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-45}
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+shopt -s nullglob
+targets=(fuzz/*.cpp)
+[ ${#targets[@]} -gt 0 ] || { echo "no fuzz targets"; exit 0; }
+for src in "${targets[@]}"; do
+    name=$(basename "$src" .cpp)
+    work=$(mktemp -d)
+    trap 'rm -rf "$work"' EXIT
+    [ -d "fuzz/corpus/$name" ] && cp -r "fuzz/corpus/$name/." "$work/"
+    echo "fuzzing $name for ${seconds}s"
+    (cd "$work" && "$OLDPWD/build/fuzz/fuzz/$name" -max_total_time="$seconds" -print_final_stats=1 \
+        -artifact_prefix="$work/" "$work" 2>&1 | tail -n 12) || {
+        echo "fuzz target $name failed; artifacts:"; ls "$work"; exit 1; }
+    rm -rf "$work"
+done

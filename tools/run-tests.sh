@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite: the default build, the address+undefined and the thread
+# sanitizer builds, the fuzz targets for a bounded time, and the AArch64 build under emulation.
+# Any failure fails the run. S2E_FUZZ_SECONDS sets the time per fuzz target (default 45).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+tools/install-deps.sh --cross
+
+start=$(date +%s)
+stage() { printf '\n==== %s (%ds)\n' "$*" $(( $(date +%s) - start )); }
+
+for preset in default asan tsan; do
+    stage "build $preset"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+    stage "test $preset"
+    ctest --preset "$preset"
+done
+
+stage "fuzz"
+tools/run-fuzz.sh "${S2E_FUZZ_SECONDS:-45}"
+
+if [ -x tools/run-cross-tests.sh ]; then
+    stage "aarch64 under emulation"
+    tools/run-cross-tests.sh
+fi
+stage "all tests passed"

@@ -37,12 +37,13 @@ int32_t ringTakeFrame(ByteRing* ring, uint8_t* frame, uint16_t limit);
 // 0 when a frame was consumed but its payload was too short, -1 when no frame was taken.
 int32_t ringTakePacket(ByteRing* ring, uint8_t* packet, uint16_t limit);
 
-// Decodes one flat frame that starts with its start flag and ends with its end flag. Returns the
-// payload length (12 or more), or 0 for a missing start flag, a header cut short by a flag, an
+// Decodes one flat frame: its start flag and, after it, its end flag (two bytes at least). Returns
+// the payload length (12 or more), or 0 for a missing start flag, a header cut short by a flag, an
 // empty payload or one of 11 bytes or fewer. Never reads past the first 0x7E after frame[0].
 int32_t frameDecode(const uint8_t* frame, uint8_t* packet);
 
 // Unstuffs four header bytes into header, skipping one leading start flag; returns the position
 // just after the last byte read. A later 0x7E ends the scan: the position of that flag is
-// returned and the header bytes not reached are set to 0.
+// returned and the header bytes not reached are set to 0. Like frameDecode, the input must hold a
+// 0x7E after its first byte.
 const uint8_t* frameSkipHeader(const uint8_t* input, uint8_t* header);

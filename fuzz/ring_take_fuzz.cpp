@@ -70,7 +70,7 @@ void take(ByteRing* frames, ByteRing* packets, uint16_t limit) {
     const uint32_t e = frames->readIndex.load();
     for (uint32_t i = 0; i < uint32_t(nf); ++i) check(frames->storage[(e - i) & frames->mask] == 0);
     check(np == 0 || (np >= kFrameMinPayload && np <= nf - 6));
-    std::vector<uint8_t> decoded(size_t(nf));
+    std::vector<uint8_t> decoded(static_cast<size_t>(nf));
     check(frameDecode(frame.data(), decoded.data()) == np);
     check(std::memcmp(decoded.data(), packet.data(), size_t(np)) == 0);
 }

@@ -28,11 +28,12 @@ namespace {
 // of a reasonable length; a command that would not fit is not run rather than run truncated.
 constexpr size_t kCommandSize = 128;
 
-// Pause after a serial read that failed (port never opened, line hung up). The read fails at once
-// in that state, so without a pause the thread would spin a core; it backs off to a ceiling so a
-// dead port costs a few wake-ups per second while a transient failure is retried quickly.
+// Pause after a serial read that failed (port never opened, line hung up). Such a read fails at
+// once, and the driver prints a line for each read on an unopened port, so without a pause the
+// thread would spin a core and flood standard output. The pause doubles up to half a second: a dead
+// port then costs two wake-ups (and two driver lines) per second, a passing failure a millisecond.
 constexpr useconds_t kSerialRetryFirstMicros = 1000;
-constexpr useconds_t kSerialRetryMaxMicros = 100000;
+constexpr useconds_t kSerialRetryMaxMicros = 500000;
 
 int32_t runCommand(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -67,10 +67,12 @@ h_inner() {
     set -e
     mount -t tmpfs -o mode=0755,size=1m s2e-dev "$stage"
     local n
-    for n in null zero random urandom tty ptmx; do
+    for n in null zero random urandom tty; do
         touch "$stage/$n"
         mount --bind "/dev/$n" "$stage/$n"
     done
+    # The devpts instance's own ptmx: a bound /dev/ptmx no longer finds its pts after the move.
+    ln -s pts/ptmx "$stage/ptmx"
     mkdir "$stage/pts" "$stage/net"
     mount --bind /dev/pts "$stage/pts"
     if [ "$tun" = 1 ]; then

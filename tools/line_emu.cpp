@@ -22,6 +22,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <time.h>
@@ -238,6 +239,9 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    // Wake-ups at the requested time, not up to 50 us later: the relay's timing is the line's.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
+
     std::string pathA, pathB;
     int slaveA = -1, slaveB = -1;
     int masterA = openSide(pathA, slaveA);
@@ -309,7 +313,11 @@ int main(int argc, char** argv) {
         for (Direction& d : dirs) {
             if (d.count == 0) continue;
             int64_t until = d.nextDone - now;
-            if (until < tickUs * 1000) until = tickUs * 1000;
+            int64_t last = d.nextDone + static_cast<int64_t>(d.count - 1) * byteNs - now;
+            // The tail of a burst is handed over on time: a frame's last byte is what the far side
+            // waits for, so a tick's delay there would show in every round trip.
+            if (until < tickUs * 1000) until = last < tickUs * 1000 ? last : tickUs * 1000;
+            if (until < 0) until = 0;
             if (wait < 0 || until < wait) wait = until;
         }
         timespec ts{};

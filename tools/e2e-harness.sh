@@ -12,7 +12,7 @@
 #                                   random, urandom, tty, ptmx, pts, net/tun (unless --no-tun) and
 #                                   zynq_uart0 -> PATH (unless --no-serial); IPv6 is off there.
 #                                   Returns once the daemon has started its dispatcher thread.
-#   h_exec NAME CMD...              run a command in the daemon's net, mount and IPC namespaces
+#   h_exec NAME CMD...              run a command in the daemon's net, mount, IPC and PID namespaces
 #   h_addr NAME CIDR                give uart2eth0 of that daemon an IPv4 address
 #   h_pid NAME / h_alive NAME       the daemon's pid as seen here / whether it still runs
 #   h_out NAME                      path of the daemon's captured stdout and stderr
@@ -136,7 +136,8 @@ h_alive() { [ -n "${H_DPID[$1]}" ] && kill -0 "${H_DPID[$1]}" 2>/dev/null; }
 h_exec() {
     local name=$1
     shift
-    nsenter -t "${H_DPID[$name]}" --net --mount --ipc -- "$@"
+    # The PID namespace too, so that /proc (the daemon's own mount) shows the command itself.
+    nsenter -t "${H_DPID[$name]}" --net --mount --ipc --pid -- "$@"
 }
 h_addr() { h_exec "$1" ip addr add "$2" dev uart2eth0; }
 

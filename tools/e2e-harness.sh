@@ -16,6 +16,7 @@
 #   h_addr NAME CIDR                give uart2eth0 of that daemon an IPv4 address
 #   h_pid NAME / h_alive NAME       the daemon's pid as seen here / whether it still runs
 #   h_out NAME                      path of the daemon's captured stdout and stderr
+#   h_check_reports                 fail if a sanitizer reported anything in the captured outputs
 #   h_teardown                      stop everything this harness started, remove $H_DIR
 # Environment: S2E_DAEMON (daemon binary), S2E_TOOLS_DIR (line_emu, tcp_blast, supervisor_emu),
 # S2E_EMULATOR (prefix for the project's programs, e.g. qemu-aarch64; may be empty).
@@ -36,6 +37,22 @@ H_DIR=""
 h_init() {
     H_DIR=$(mktemp -d /tmp/s2e-e2e.XXXXXX)
     trap h_teardown EXIT
+    # Under set -e a failing command would end the run without a word; name it.
+    trap 'echo "harness: failed at line $LINENO: $BASH_COMMAND" >&2' ERR
+}
+
+# Fails when a sanitizer reported anything in a daemon's or the emulator's output.
+h_check_reports() {
+    local f bad=0
+    for f in "$H_DIR"/*.out "$H_DIR"/line.err; do
+        [ -f "$f" ] || continue
+        if grep -q "Sanitizer\|runtime error:" "$f"; then
+            echo "sanitizer report in $f:" >&2
+            grep -A30 "Sanitizer\|runtime error:" "$f" | head -60 >&2
+            bad=1
+        fi
+    done
+    return $bad
 }
 
 h_die() {
@@ -112,10 +129,10 @@ h_daemon_start() {
     H_OUTER[$name]=$!
     local i shell="" daemon=""
     for i in $(seq 300); do
-        shell=$(cat "/proc/${H_OUTER[$name]}/task/${H_OUTER[$name]}/children" 2>/dev/null)
+        shell=$(cat "/proc/${H_OUTER[$name]}/task/${H_OUTER[$name]}/children" 2>/dev/null || true)
         shell=${shell%% *}
         if [ -n "$shell" ]; then
-            daemon=$(cat "/proc/$shell/task/$shell/children" 2>/dev/null)
+            daemon=$(cat "/proc/$shell/task/$shell/children" 2>/dev/null || true)
             daemon=${daemon%% *}
         fi
         if [ -n "$daemon" ] && grep -q "circleDealThread startUp!" "$out" 2>/dev/null; then

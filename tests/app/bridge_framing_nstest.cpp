@@ -142,6 +142,9 @@ class BridgeFraming : public ::testing::Test {
     }
 
     void TearDown() override {
+        std::string out = readFile(outPath);
+        EXPECT_EQ(out.find("Sanitizer"), std::string::npos) << out;
+        EXPECT_EQ(out.find("runtime error:"), std::string::npos) << out;
         if (pid > 0) {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);

@@ -60,4 +60,5 @@ echo "$out" | grep -q " 0% packet loss" || fail "ping after noise lost packets: 
 transfer 100000
 h_alive a && h_alive b || fail "a daemon ended"
 h_line_cmd "stats"
+h_check_reports || fail "sanitizer report"
 echo "PASS"

@@ -56,4 +56,5 @@ expect_text nothing "Rs232 open error"
 expect_parked nothing
 
 h_alive noserial && h_alive notun && h_alive nothing || fail "a daemon ended"
+h_check_reports || fail "sanitizer report"
 echo "PASS"

@@ -21,20 +21,10 @@ inline bool isSpecial(uint8_t b) {
 constexpr uint64_t kOnes = 0x0101010101010101ULL;
 constexpr uint64_t kLow7 = 0x7F7F7F7F7F7F7F7FULL;
 
-// Bit 7 of each byte of the result is set exactly where the byte of v is 0x5E or 0x7E; no false
-// hits, so the first set byte in memory order is the first special byte.
+// Bit 7 of each byte of the result is set exactly where the byte of v is 0x5E or 0x7E.
 inline uint64_t specialBytes(uint64_t v) {
     const uint64_t x = (v | kOnes * kSpecialBit) ^ (kOnes * kFrameFlag);
     return ~(((x & kLow7) + kLow7) | x | kLow7);
-}
-
-// Index in memory order of the first byte flagged by specialBytes (mask not 0).
-inline uint32_t firstFlagged(uint64_t mask) {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    return static_cast<uint32_t>(__builtin_clzll(mask)) / 8;
-#else
-    return static_cast<uint32_t>(__builtin_ctzll(mask)) / 8;
-#endif
 }
 
 int32_t countSpecial(const uint8_t* src, int32_t n) {
@@ -44,27 +34,29 @@ int32_t countSpecial(const uint8_t* src, int32_t n) {
 }
 
 // Stuffs n packet bytes into dst and returns the number written (n plus one per special byte).
-// Runs without special bytes move eight at a time; every word store lies inside the output,
-// because each of the eight or more input bytes still to come emits at least one byte.
+// Words without special bytes move eight at a time; a word with any is stuffed byte by byte
+// without branches. Every store lies inside the stuffed output or on the byte just after it, which
+// is the end flag's place: each input byte still to come emits at least one byte.
 int32_t stuff(const uint8_t* src, int32_t n, uint8_t* dst) {
     const uint8_t* const end = src + n;
     uint8_t* o = dst;
     while (end - src >= 8) {
         uint64_t word;
         std::memcpy(&word, src, 8);
-        const uint64_t hits = specialBytes(word);
-        std::memcpy(o, &word, 8);
-        if (hits == 0) {
+        if (specialBytes(word) == 0) {
+            std::memcpy(o, &word, 8);
             src += 8;
             o += 8;
             continue;
         }
-        const uint32_t k = firstFlagged(hits);
-        o += k;
-        const uint8_t b = src[k];
-        src += k + 1;
-        *o++ = kFrameEscape;
-        *o++ = static_cast<uint8_t>(b - 1);  // 5E -> 5D, 7E -> 7D
+        for (int j = 0; j < 8; ++j) {
+            const uint8_t b = src[j];
+            const bool special = isSpecial(b);
+            o[0] = special ? kFrameEscape : b;
+            o[1] = static_cast<uint8_t>(b - 1);  // 5E -> 5D, 7E -> 7D; overwritten otherwise
+            o += 1 + (special ? 1 : 0);
+        }
+        src += 8;
     }
     while (src < end) {
         const uint8_t b = *src++;

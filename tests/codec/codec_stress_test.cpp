@@ -14,7 +14,8 @@ namespace {
 
 constexpr int kPackets = 12000;  // about 9 MB of packet bytes per run
 
-// Packet number i, reproducible on both sides; every seventh one is made of special bytes only.
+// Packet number i, reproducible on both sides; every seventh one is made of
+// special bytes only after its leading sequence number.
 std::vector<uint8_t> packetFor(int i) {
     std::mt19937 rng(uint32_t(i) * 2654435761u);
     std::vector<uint8_t> p(1 + rng() % 1514);

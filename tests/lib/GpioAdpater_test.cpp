@@ -138,6 +138,7 @@ int fakeIoctl(int fd, unsigned long code, GpioRequest* request) {
     if (code == GPIO_SET_PINMUX) {
         if (d.holdFirstPinmux && !d.holding) {
             d.holding = true;
+            d.changed.notify_all();
             const int opensBefore = d.opensSeen;
             d.changed.wait_for(guard, std::chrono::milliseconds(300),
                                [&] { return d.opensSeen != opensBefore; });
@@ -368,8 +369,10 @@ class GpioSerialisation : public GpioAdapter {
         fake().holdFirstPinmux = true;
         std::thread a([&] { first.writePin(1, 1, 1); });
         {
+            // Bounded, so that a stand-in never reached fails the test instead of hanging it.
             std::unique_lock<std::mutex> guard(fake().lock);
-            fake().changed.wait(guard, [] { return fake().holding; });
+            EXPECT_TRUE(fake().changed.wait_for(guard, std::chrono::seconds(10),
+                                                [] { return fake().holding; }));
         }
         uint8_t level = 0;
         std::thread b([&] { second.readPin(2, 2, &level); });

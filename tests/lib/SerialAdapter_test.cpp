@@ -235,7 +235,7 @@ TEST_F(PtyPort, UnknownControlCommandsChangeNothing) {
     EXPECT_EQ(after.c_cflag, before.c_cflag);
     EXPECT_EQ(after.c_iflag, before.c_iflag);
     EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(cfgetospeed(&after), B2400);
+    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B2400));
     EXPECT_EQ(rs232.close(), 0);
     EXPECT_EQ(rs485.close(), 0);
 }

@@ -42,6 +42,22 @@ line_bytes() {
     echo $((n + 6 + stuffed))
 }
 
+# The emulated line by itself first (its own relay, no bridges): the part of a round trip that
+# the relay and the terminals add on top of the bit times, so the bridges' own share shows.
+declare -A probe_over=()
+"${H_RUN[@]}" "$S2E_TOOLS_DIR/line_emu" --info "$H_DIR/probe.info" 2>/dev/null &
+probe_pid=$!
+for i in $(seq 50); do [ -s "$H_DIR/probe.info" ] && break; sleep 0.1; done
+pa_path=$(awk '$1=="a"{print $2}' "$H_DIR/probe.info")
+pb_path=$(awk '$1=="b"{print $2}' "$H_DIR/probe.info")
+for size in 56 1000; do
+    lb=$(line_bytes "$size")
+    r=$("${H_RUN[@]}" "$S2E_TOOLS_DIR/line_probe" "$pa_path" "$pb_path" "$lb" 30)
+    probe_over[$size]=$(echo "$r" | sed -n 's/.*over_us=\([-0-9.]*\).*/\1/p')
+done
+kill -TERM "$probe_pid"
+wait "$probe_pid" 2>/dev/null || true
+
 h_pair
 h_exec a ping -c 3 -i 0.2 -q 10.99.0.2 >/dev/null
 
@@ -62,10 +78,12 @@ for size in 56 1000; do
     rtt=$(echo "$out" | sed -n 's/.*= \([0-9.]*\)\/\([0-9.]*\)\/\([0-9.]*\)\/.*/\1 \2 \3/p')
     read -r mn av mx <<<"$rtt"
     awk -v s="$size" -v f="$frame" -v lb="$lb" -v r=$line_rate -v mn="$mn" -v av="$av" -v mx="$mx" \
-        -v loss="$loss" 'BEGIN{ line = 2*lb/r*1000;
+        -v loss="$loss" -v po="${probe_over[$size]}" 'BEGIN{ line = 2*lb/r*1000; emu = 2*po/1000;
         printf "ping -s %-4d (%d-byte frames, %d bytes on the line each way): line time %.3f ms, " \
                "rtt min/avg/max %.3f/%.3f/%.3f ms, avg over line time %+.3f ms, %s\n",
-               s, f, lb, line, mn, av, mx, av - line, loss }'
+               s, f, lb, line, mn, av, mx, av - line, loss;
+        printf "    of which the emulated line itself (relay and terminals, both ways) %+.3f ms, " \
+               "the two bridges %+.3f ms\n", emu, av - line - emu }'
 done
 
 port=5201

@@ -318,8 +318,9 @@ void SerialToEth::wakeDispatcher() {
 }
 
 void SerialToEth::sendFrameToSerial() {
-    // An empty ring means the take would find nothing and the buffer is still zero from the last
-    // clear, so the idle pass skips the 8 KB clear. ringUsed is the consumer's snapshot.
+    // An empty ring has nothing to take, and the clear only serves a take, so an idle pass (ten
+    // thousand a second) skips both. ringUsed is the consumer's snapshot: bytes that arrive just
+    // after it are taken on the next pass, which their producer's wake-up starts at once.
     if (ringUsed(tunRing) == 0) return;
     memset(serialTxBuf, 0, sizeof serialTxBuf);
     int32_t length = ringTakeFrame(tunRing, serialTxBuf, kSerialFrameLimit);

@@ -10,7 +10,6 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -288,9 +287,6 @@ void* SerialToEth::rcvSerialThread(void* arg) {
 
 void* SerialToEth::circleDealThread(void* arg) {
     auto* self = static_cast<SerialToEth*>(arg);
-    // The pass sleep is meant to be 100 us; the default 50 us timer slack would stretch every pass
-    // by half, and each frame waits for a pass in both bridges it crosses.
-    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     printf("circleDealThread startUp!\n");
     fflush(stdout);
     for (;;) {

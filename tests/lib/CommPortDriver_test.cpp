@@ -27,6 +27,17 @@ TEST(CommPortDriver, PortThatIsNotOpen) {
     EXPECT_EQ(port.readCount, 0u);
 }
 
+TEST(CommPortDriver, FailedCloseKeepsTheDescriptor) {
+    Exposed<CommPortDriver> port(1);
+    ASSERT_EQ(port.open("/dev/null", O_RDONLY), 0);
+    EXPECT_EQ(port.portState, CommPortDriver::PORT_OPENED);
+    const int32_t fd = port._fd;
+    ASSERT_EQ(::close(fd), 0);  // behind the port's back, so that close(2) fails
+    EXPECT_EQ(port.close(), -1);
+    EXPECT_EQ(port._fd, fd);
+    EXPECT_EQ(port.portState, CommPortDriver::PORT_OPENED);
+}
+
 // writeData and readData go through the virtual write and read, so overrides are honoured.
 class RecordingPort : public CommPortDriver {
   public:

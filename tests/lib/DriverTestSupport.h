@@ -13,6 +13,7 @@ template <class Call>
 std::string captureStdout(Call&& call) {
     fflush(stdout);
     FILE* sink = tmpfile();
+    if (sink == nullptr) return "<tmpfile failed>";
     const int saved = dup(1);
     dup2(fileno(sink), 1);
     call();

@@ -6,11 +6,9 @@
 
 #include <cstdio>
 #include <string>
-#include <utility>
 
-// Runs `call` with file descriptor 1 pointed at a temporary file and returns what was written
-// there, both through stdio and directly. fflush on both sides keeps stdio's buffer out of the
-// wrong file.
+// Runs `call` with descriptor 1 pointed at a temporary file and returns what reached it; the
+// fflush calls keep stdio's buffer from landing on the wrong side of the switch.
 template <class Call>
 std::string captureStdout(Call&& call) {
     fflush(stdout);
@@ -18,15 +16,13 @@ std::string captureStdout(Call&& call) {
     if (sink == nullptr) return "<tmpfile failed>";
     const int saved = dup(1);
     dup2(fileno(sink), 1);
-    std::forward<Call>(call)();
+    call();
     fflush(stdout);
     dup2(saved, 1);
     ::close(saved);
-    std::string text;
+    std::string text(static_cast<size_t>(ftell(sink)), '\0');
     rewind(sink);
-    char chunk[256];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof chunk, sink)) > 0) text.append(chunk, got);
+    text.resize(fread(&text[0], 1, text.size(), sink));
     fclose(sink);
     return text;
 }

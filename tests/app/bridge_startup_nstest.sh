@@ -30,6 +30,7 @@ h_line_start
 # paced (the driver prints one line per failed read, so a spinning reader floods the output).
 h_daemon_start noserial --no-serial
 expect_text noserial "SerialToEth::run!"
+expect_text noserial "CommPortDriver::open /dev/zynq_uart0 fail"
 expect_text noserial "Rs232 open error"
 expect_text noserial "-->> >> >>-- uart0 baud rate is 576000 20220218!"
 expect_text noserial "circleDealThread startUp!"
@@ -45,6 +46,8 @@ h_exec noserial ip link show uart2eth0 | grep -q "[<,]UP[,>]" || fail "noserial:
 # No TAP driver: the exact report (with its carriage return), then the serial side opens normally.
 h_daemon_start notun --no-tun --pty "$H_PTY_A"
 expect_text notun $'ERR: fail to open tun_alloc\r'
+# No interface, so reading its hardware address fails with the system's reason.
+expect_text notun "ERR(SerialToEth::getMac): No such device"
 expect_text notun "Rs232 open ok"
 expect_text notun "circleDealThread startUp!"
 expect_parked notun

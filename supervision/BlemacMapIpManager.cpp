@@ -12,7 +12,9 @@ BlemacMapIpManager* BlemacMapIpManager::instance() {
     return single;
 }
 
-BlemacMapIpManager::BlemacMapIpManager() : table(nullptr), shmId(-1) { attach(); }
+BlemacMapIpManager::BlemacMapIpManager() : table(nullptr), shmId(-1) {
+    attach();
+}
 
 BlemacMapIpManager::~BlemacMapIpManager() = default;
 

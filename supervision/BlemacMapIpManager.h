@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// Byte layout of the shared segment, little-endian; slot i pairs keys[i] with values[i], key 0 is an
-// empty slot. The two leading words belong to the owning process and are never read here.
+// Byte layout of the shared segment, little-endian; slot i pairs keys[i] with values[i], key 0 is
+// an empty slot. The two leading words belong to the owning process and are never read here.
 struct BlemacMapTable {
     uint32_t reserved[2];
     uint32_t values[8];
@@ -23,7 +23,7 @@ constexpr size_t kMapTableSize = sizeof(BlemacMapTable);
 constexpr uint32_t kMapLookupMiss = 0xFFFFFFFFu;
 
 class BlemacMapIpManager {
-public:
+  public:
     // The single manager, created and attached on the first call. No lock: the first call comes
     // from main before any other thread exists.
     static BlemacMapIpManager* instance();
@@ -42,7 +42,7 @@ public:
     // Value of the first slot holding key, or 0xFFFFFFFF for key 0, a missing key or no table.
     uint32_t lookup(uint32_t key) const;
 
-private:
+  private:
     const BlemacMapTable* table;
     int32_t shmId;
 };

@@ -80,7 +80,9 @@ FaultTrap::FaultTrap(int32_t queueId) {
     trapInstall();
 }
 
-int32_t FaultTrap::supervisorQueueId() { return supervisorQid.load(std::memory_order_relaxed); }
+int32_t FaultTrap::supervisorQueueId() {
+    return supervisorQid.load(std::memory_order_relaxed);
+}
 
 void FaultTrap::trapInstall() {
     struct sigaction action;

@@ -11,7 +11,7 @@ constexpr long kFaultReportMsgType = 0x20001;
 extern const char* const kFaultMessages[4];
 
 class FaultTrap {
-public:
+  public:
     // Stores the supervisor's queue identifier, then installs the handler as trapInstall does.
     explicit FaultTrap(int32_t supervisorQueueId);
     FaultTrap(const FaultTrap&) = delete;

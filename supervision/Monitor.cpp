@@ -30,7 +30,7 @@ struct EmptyMsg {
 };
 
 class RegistryGuard {
-public:
+  public:
     RegistryGuard() { mutexLock(&registryLock); }
     ~RegistryGuard() { mutexUnlock(&registryLock); }
     RegistryGuard(const RegistryGuard&) = delete;

@@ -14,7 +14,7 @@ class ProcessContext;
 struct ProcessStatusRecord;
 
 // Supervision message types (System V messages with an empty body).
-constexpr long kTickMsgType = 1;          // timer -> monitor queue: supervision pass
+constexpr long kTickMsgType = 1;           // timer -> monitor queue: supervision pass
 constexpr long kRefreshMsgType = 0x30000;  // supervisor -> monitor queue: refresh
 // The fault report (0x20001) goes from the fault trap to the supervisor's queue; see FaultTrap.h.
 

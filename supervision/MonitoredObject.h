@@ -1,12 +1,13 @@
-// Interface of an object that the monitor thread supervises: a heartbeat it advances while it works,
-// plus the bookkeeping the monitor keeps in the object itself (the monitor holds no per-object state).
+// Interface of an object that the monitor thread supervises: a heartbeat it advances while it
+// works, plus the bookkeeping the monitor keeps in the object itself (the monitor holds no
+// per-object state).
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 class MonitoredObject {
-public:
+  public:
     virtual ~MonitoredObject() = default;
 
     // Printed in the kill notice.

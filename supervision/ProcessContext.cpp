@@ -8,9 +8,9 @@
 #include <cstdio>
 
 #include "FaultTrap.h"
+#include "IntervalTimer.h"
 #include "Monitor.h"
 #include "MsgQueue.h"
-#include "TimerManager.h"
 
 ProcessContext* ProcessContext::instance() {
     static ProcessContext* single = nullptr;

@@ -46,7 +46,7 @@ inline void statusStore(T& field, T value) {
 }
 
 class ProcessContext {
-public:
+  public:
     // The single context, created on the first call (from main, on the main thread, no lock).
     static ProcessContext* instance();
 
@@ -59,7 +59,7 @@ public:
     int32_t statusShmId;
     IntervalTimer* tickTimer;
 
-private:
+  private:
     ProcessContext();
     // Never destroyed: the timer thread and the monitor use the context until the process ends.
     ~ProcessContext() = default;

@@ -68,9 +68,9 @@ ProcessStatusRecord* attachStatus() {
 
 void printStatus(const ProcessStatusRecord* r) {
     printf("pid=%d state=%u monitorUp=%u msgCount=%u supervisorQueueId=%d monitorQueueId=%d\n",
-           statusLoad(r->pid), statusLoad(r->state), static_cast<unsigned>(statusLoad(r->monitorUp)),
-           statusLoad(r->msgCount), statusLoad(r->supervisorQueueId),
-           statusLoad(r->monitorQueueId));
+           statusLoad(r->pid), statusLoad(r->state),
+           static_cast<unsigned>(statusLoad(r->monitorUp)), statusLoad(r->msgCount),
+           statusLoad(r->supervisorQueueId), statusLoad(r->monitorQueueId));
     fflush(stdout);
 }
 

@@ -31,6 +31,11 @@ ThreadLocker trapLock;
 // set once, before the handler is installed, and orders nothing else).
 std::atomic<int32_t> supervisorQid{-1};
 
+// Set by the first handler to get the trap lock. The lock is released before exit(0), and exit
+// runs destructors for a while, so a second faulting thread could otherwise take the lock and
+// report a second fault before the process is gone. Only touched under the trap lock (relaxed).
+std::atomic<bool> faultHandled{false};
+
 constexpr int kTrappedSignals[4] = {SIGABRT, SIGFPE, SIGILL, SIGSEGV};
 struct sigaction savedActions[4];
 
@@ -110,6 +115,13 @@ void FaultTrap::faultHandler(int signal) {
     writeAll(line, n);
 
     trapLock.lock();
+    if (faultHandled.load(std::memory_order_relaxed)) {
+        // The process is already ending from the first fault: wait for it without returning
+        // to the faulting code.
+        trapLock.unlock();
+        for (;;) pause();
+    }
+    faultHandled.store(true, std::memory_order_relaxed);
 
     // Sent without waiting: a full supervisor queue must not keep a faulted process alive; the
     // supervisor still sees the process end.

@@ -20,10 +20,13 @@ namespace {
 using namespace std::chrono_literals;
 
 // The tests create fixed keys and change IPC limits: refuse to run outside the namespace runner.
-void requireNamespace() {
+// A macro, so that the skip leaves the test body itself.
+bool inTestNamespace() {
     const char* inNs = std::getenv("S2E_IN_NS");
-    if (inNs == nullptr || std::string(inNs) != "1") GTEST_SKIP() << "needs tools/nsrun";
+    return inNs != nullptr && std::string(inNs) == "1";
 }
+#define requireNamespace() \
+    if (!inTestNamespace()) GTEST_SKIP() << "needs tools/nsrun"
 
 struct RawMsg {
     long mtype;

@@ -24,8 +24,9 @@ const char* const kFaultMessages[4] = {
 namespace {
 
 // Serialises fault handling between threads: a second faulting thread waits here while the
-// first one reports and exits.
-ThreadLocker trapLock;
+// first one reports and exits. Made before main and never destroyed: exit(0) runs the static
+// destructors while other threads may still be waiting on it.
+ThreadLocker& trapLock = *new ThreadLocker();
 
 // Read in the handler; a lock-free atomic is safe to load from a signal handler (relaxed: it is
 // set once, before the handler is installed, and orders nothing else).

@@ -6,6 +6,8 @@ set -euo pipefail
 
 EMU=(${S2E_EMULATOR:-} "$S2E_TOOLS_DIR/supervisor_emu")
 DAEMON=(${S2E_EMULATOR:-} "$S2E_DAEMON")
+# Under the thread sanitizer: the trap's exit(0) from the handler is by design.
+export TSAN_OPTIONS="report_signal_unsafe=0 ${TSAN_OPTIONS:-}"
 work=$(mktemp -d)
 daemon_pid=""
 

@@ -6,13 +6,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "FakeMonitored.h"
 #include "Monitor.h"
-#include "MsgQueue.h"
 #include "ProcessContext.h"
 #include "TimerManager.h"
 
@@ -23,8 +20,7 @@ struct RawMsg {
     char body[64];
 };
 
-class PrivateQueue {
-  public:
+struct PrivateQueue {
     PrivateQueue() : id(msgget(IPC_PRIVATE, IPC_CREAT | 0600)) {}
     ~PrivateQueue() { msgctl(id, IPC_RMID, nullptr); }
     size_t depth() const {
@@ -34,28 +30,15 @@ class PrivateQueue {
     int id;
 };
 
-class RecordingHandler : public TimerHandler {
-  public:
-    void onTimer(uint32_t timerId) override {
-        std::lock_guard<std::mutex> hold(lock);
-        fired.push_back(timerId);
-    }
-    std::vector<uint32_t> firedIds() {
-        std::lock_guard<std::mutex> hold(lock);
-        return fired;
-    }
+// Each fired timer sets its bit (timer ids are small); called on the manager thread.
+struct BitsHandler : TimerHandler {
+    void onTimer(uint32_t timerId) override { fired |= 1u << timerId; }
+    std::atomic<uint32_t> fired{0};
+} timerHandler;
 
-  private:
-    std::mutex lock;
-    std::vector<uint32_t> fired;
-};
-
-RecordingHandler timerHandler;
-
-// Its refresh arms a one-shot timer: if clearTimers ran before the objects were told, that timer
+// Its refresh arms a one-shot timer: had clearTimers run before the objects were told, that timer
 // would survive and fire.
-class ArmingOnRefresh : public FakeMonitored {
-  public:
+struct ArmingOnRefresh : FakeMonitored {
     using FakeMonitored::FakeMonitored;
     void onRefresh() override {
         FakeMonitored::onRefresh();
@@ -69,77 +52,61 @@ TEST(MonitorRefresh, ReachesEveryObjectInOrderThenClearsTheTimers) {
     FakeMonitored second("second", &log);
     addMonitoredObject(&first);
     addMonitoredObject(&second);
-
     TimerManager* manager = TimerManager::instance();
     manager->addTimer(&timerHandler, TimerManager::TIMER_ONCE, 100, 1);
 
     ProcessStatusRecord record{};
     monitorHandleMessage(&record, kRefreshMsgType);
     EXPECT_EQ(record.msgCount, 1u);
-    EXPECT_EQ(log.take(), (std::vector<std::string>{"first:refresh", "second:refresh"}));
+    EXPECT_EQ(log, (CallLog{"first:refresh", "second:refresh"}));
     removeMonitoredObject(&first);
     removeMonitoredObject(&second);
 
-    // One tick runs one pass over everything registered: timer 3 fires in it, and so would 1 and
-    // 2 had they survived the refresh.
+    // One tick is one pass over every entry: timer 3 fires in it, and so would 1 and 2 had they
+    // survived the refresh.
     manager->addTimer(&timerHandler, TimerManager::TIMER_ONCE, 100, 3);
     QueueMsg tick{};
     tick.mtype = 1;
-    tick.dataLen = 0;
     testing::internal::CaptureStdout();
     ASSERT_EQ(TimerManager::_pMsgQueue.load()->send(tick), 0);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (timerHandler.firedIds().empty() && std::chrono::steady_clock::now() < deadline) {
+    while (timerHandler.fired == 0 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(timerHandler.firedIds(), std::vector<uint32_t>{3});
+    EXPECT_EQ(timerHandler.fired, 1u << 3);
 }
 
-TEST(MonitorQueue, MessagesWithABodyAreTakenOffAndCountedWithoutWedging) {
+TEST(MonitorQueue, MessagesWithABodyAreTakenOffWithoutWedging) {
     PrivateQueue queue;
-    ASSERT_NE(queue.id, -1);
-    RawMsg withBody = {kRefreshMsgType, "payload"};
-    RawMsg empty = {kTickMsgType, {0}};
-    RawMsg other = {2, "x"};
+    RawMsg withBody = {kRefreshMsgType, "payload"}, empty = {kTickMsgType, {0}}, other = {2, "x"};
     ASSERT_EQ(msgsnd(queue.id, &withBody, 16, 0), 0);
     ASSERT_EQ(msgsnd(queue.id, &empty, 0, 0), 0);
-    ASSERT_EQ(msgsnd(queue.id, &other, 4, 0), 0);  // as a QueueMsg with dataLen 0 would arrive
+    ASSERT_EQ(msgsnd(queue.id, &other, 4, 0), 0);  // as a QueueMsg with dataLen 0 arrives
 
-    std::vector<long> types;
-    for (int i = 0; i < 3; ++i) {
-        long type = 0;
-        ASSERT_TRUE(monitorReceive(queue.id, &type));
-        types.push_back(type);
-    }
+    std::vector<long> types(3);
+    for (long& type : types) ASSERT_TRUE(monitorReceive(queue.id, &type));
     EXPECT_EQ(types, (std::vector<long>{kRefreshMsgType, kTickMsgType, 2}));
     EXPECT_EQ(queue.depth(), 0u);
-
-    long type = 0;
-    EXPECT_FALSE(monitorReceive(-1, &type));
+    EXPECT_FALSE(monitorReceive(-1, &types[0]));
 }
 
 TEST(MonitorQueue, TimerHandlePostsAnEmptyTickAndReportsAFailedSend) {
     PrivateQueue queue;
-    ASSERT_NE(queue.id, -1);
-    int32_t saved = monitorQueueId.load();
     monitorQueueId.store(queue.id);
-
     testing::internal::CaptureStdout();
     TimerHandle(sigval{});
-    TimerHandle(sigval{});
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    ASSERT_EQ(queue.depth(), 2u);
     // A body size of 0 without MSG_NOERROR only succeeds for an empty body.
     RawMsg received{};
     ASSERT_EQ(msgrcv(queue.id, &received, 0, 0, IPC_NOWAIT), 0);
     EXPECT_EQ(received.mtype, kTickMsgType);
+    EXPECT_EQ(queue.depth(), 0u);
 
     monitorQueueId.store(-1);
     testing::internal::CaptureStdout();
     TimerHandle(sigval{});
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "TimerHandle");
-    monitorQueueId.store(saved);
 }
 
 }  // namespace

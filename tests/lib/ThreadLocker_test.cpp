@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <future>
 #include <thread>
 #include <utility>
@@ -15,6 +16,12 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+
+double threadCpuMs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
 
 double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
@@ -74,16 +81,21 @@ TEST(RWThreadLocker, ReadersShareWriterWaitsForAllOfThem) {
 }
 
 // Waits from a moment late in the current second, so that the deadline has to carry into the
-// next second; a deadline with 1e9 or more nanoseconds is refused and would be retried for ever,
-// so the waits run on a thread of their own that the test gives up on after a while.
+// next second. A deadline with 1e9 or more nanoseconds is refused at once, and the retry loop then
+// spins until a valid one comes up: the waiting thread must block, not burn its time on the CPU.
+// The waits run on a thread of their own that the test gives up on if they never return.
 TEST(ThreadCondLocker, TimedWaitTimesOutAcrossASecondBoundary) {
+    struct Waited {
+        bool results = false;
+        double shortMs = 0, longMs = 0, cpuMs = 0;
+    };
     struct Shared {
         ThreadCondLocker locker;
-        std::promise<std::pair<double, double>> waited;
+        std::promise<Waited> waited;
     };
     // Left to the waiting thread if it never comes back.
     auto* shared = new Shared;
-    std::future<std::pair<double, double>> result = shared->waited.get_future();
+    std::future<Waited> result = shared->waited.get_future();
     std::thread([shared] {
         shared->locker.lock();
         for (;;) {
@@ -92,21 +104,26 @@ TEST(ThreadCondLocker, TimedWaitTimesOutAcrossASecondBoundary) {
             if (now.tv_usec > 600000 && now.tv_usec < 900000) break;
             std::this_thread::sleep_for(10ms);
         }
+        Waited w;
+        const double cpuStart = threadCpuMs();
         Clock::time_point start = Clock::now();
         const bool first = shared->locker.timedWait(500);
-        const double shortWait = msSince(start);
+        w.shortMs = msSince(start);
         start = Clock::now();
         const bool second = shared->locker.timedWait(1500);
-        const double longWait = msSince(start);
+        w.longMs = msSince(start);
+        w.cpuMs = threadCpuMs() - cpuStart;
+        w.results = first && second;
         shared->locker.unlock();
-        shared->waited.set_value(first && second ? std::make_pair(shortWait, longWait)
-                                                 : std::make_pair(-1.0, -1.0));
+        shared->waited.set_value(w);
         delete shared;
     }).detach();
     ASSERT_EQ(result.wait_for(60s), std::future_status::ready) << "timedWait never returned";
-    const auto [shortWait, longWait] = result.get();
-    EXPECT_GE(shortWait, 450.0);
-    EXPECT_GE(longWait, 1450.0);
+    const Waited w = result.get();
+    EXPECT_TRUE(w.results);
+    EXPECT_GE(w.shortMs, 450.0);
+    EXPECT_GE(w.longMs, 1450.0);
+    EXPECT_LT(w.cpuMs, 100.0) << "the waits spun instead of blocking";
 }
 
 TEST(ThreadCondLocker, WaitsEndOnSignalAndBroadcast) {

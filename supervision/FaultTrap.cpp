@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "ThreadLocker.h"
 
@@ -141,7 +142,9 @@ void FaultTrap::faultHandler(int signal) {
     }
     writeAll("\n", 1);
 
-    usleep(10000);
+    // nanosleep rather than usleep: only the former is async-signal-safe.
+    timespec pause10ms = {0, 10000000};
+    nanosleep(&pause10ms, nullptr);
     trapRestore();
     trapLock.unlock();
     errno = savedErrno;

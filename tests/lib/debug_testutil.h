@@ -121,6 +121,26 @@ inline std::string readFile(const char* path) {
     return out.str();
 }
 
+// True when `text` starts with `shape`, where '#' in the shape stands for any decimal digit.
+inline bool startsWithShape(const std::string& text, const std::string& shape) {
+    if (text.size() < shape.size()) return false;
+    for (size_t i = 0; i < shape.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == '#' ? !digit : text[i] != shape[i]) return false;
+    }
+    return true;
+}
+
+// The "Msg: <file>,(<line>): " prefix printed before perror on a socket-creation failure.
+inline bool isSocketFailurePrefix(const std::string& text, const std::string& file) {
+    const std::string head = "Msg: " + file + ",(";
+    if (text.compare(0, head.size(), head) != 0 || text.size() < head.size() + 4) return false;
+    size_t i = head.size();
+    const size_t digitsFrom = i;
+    while (i < text.size() && text[i] >= '0' && text[i] <= '9') ++i;
+    return i > digitsFrom && text.substr(i) == "): ";
+}
+
 // Lowers the descriptor limit so that the next socket() fails with EMFILE; restores on destruction.
 class NoMoreDescriptors {
   public:

@@ -184,9 +184,13 @@ void debugPrint(int level, const char* sourceName, int line, const char* format,
     vsnprintf(message, sizeof message, format, args);
     va_end(args);
 
+    // A line longer than the buffer is cut (its line feed with it); only an encoding error drops
+    // it.
     char text[1024] = {};
-    snprintf(text, sizeof text, "[SLAVE][%s]%s:[%s,L%d]%s\n", date, levelNames[level], sourceName,
-             line, message);
+    if (snprintf(text, sizeof text, "[SLAVE][%s]%s:[%s,L%d]%s\n", date, levelNames[level],
+                 sourceName, line, message) < 0) {
+        return;
+    }
     printf("%s", text);
 }
 

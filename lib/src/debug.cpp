@@ -18,6 +18,7 @@ std::atomic<uint8_t> netLogEnabled{0};
 std::atomic<int> netLogSocket{-1};
 sockaddr_in netLogDest{};
 std::ofstream debugFile;
+std::atomic<int> netLogInFlight{0};
 
 const char* const levelNames[4] = {"ERROR   ", "WARNING ", "INFO    ", "DEBUG   "};
 std::atomic<int> printFilterOn{1};
@@ -100,8 +101,10 @@ void debugLog(uint32_t level, const char* format, ...) {
         if ((level >> 16) == 0xFFFFu) writeDebugFile(message);
         return;
     }
-    // Second look just before sending: closeNetLog may have switched the sink off meanwhile.
-    if (!netLogEnabled.load(std::memory_order_acquire)) return;
+    // Second look just before sending: closeNetLog may have switched the sink off meanwhile. While
+    // counted in flight, the socket stays open.
+    const DebugSocketSender sender(netLogEnabled, netLogInFlight);
+    if (!sender.on()) return;
 
     const size_t length = std::min(static_cast<size_t>(formatted), sizeof message - 1);
     char datagram[kDatagramBufferSize];
@@ -139,16 +142,19 @@ int openNetLog(const DebugPeerAddr* peer) {
     return 0;
 }
 
-void debugSocketGrace() {
-    // A signal may cut sleep short; the grace period is what keeps in-flight senders safe.
+void debugSocketDrain(const std::atomic<int>& inFlight) {
+    // A signal may cut sleep short: sleep out the whole grace period.
     unsigned left = 2;
     while (left > 0) left = sleep(left);
+    // seq_cst: pairs with the sender's increment and switch test (see DebugSocketSender).
+    while (inFlight.load(std::memory_order_seq_cst) != 0) usleep(1000);
 }
 
 int closeNetLog() {
-    netLogEnabled.store(0, std::memory_order_relaxed);
+    // seq_cst: a sender either sees the switch off or is counted in flight (DebugSocketSender).
+    netLogEnabled.store(0, std::memory_order_seq_cst);
     // Senders that passed the switch test before it went off finish with a valid descriptor.
-    debugSocketGrace();
+    debugSocketDrain(netLogInFlight);
     const int sock = netLogSocket.load(std::memory_order_relaxed);
     if (sock > 0) close(sock);
     netLogSocket.store(-1, std::memory_order_relaxed);

@@ -38,6 +38,7 @@ static_assert(offsetof(DebugPeerAddr, address) == 3, "address text follows the b
 extern std::atomic<int32_t> debugLevel;
 // Network sink switch. Stored with release after netLogSocket/netLogDest are set, loaded with
 // acquire before they are read, so a sender never sees the switch on with a half-written peer.
+// Switched off with seq_cst against the in-flight count (see DebugSocketSender).
 extern std::atomic<uint8_t> netLogEnabled;
 extern std::atomic<int> netLogSocket;
 extern sockaddr_in netLogDest;
@@ -77,7 +78,8 @@ extern sockaddr_in logServerAddr;
 int setTelnetLogServer();
 
 // Hex dumps, the protocol message dump and the sub socket (debugDump.cpp).
-// Sub socket switch: release after subSocket/subSocketDest are set, acquire before they are read.
+// Sub socket switch: release after subSocket/subSocketDest are set, acquire before they are read;
+// switched off with seq_cst against the in-flight count (see DebugSocketSender).
 extern std::atomic<uint8_t> subSocketEnabled;
 extern std::atomic<int> subSocket;
 extern sockaddr_in subSocketDest;
@@ -97,8 +99,32 @@ int closeSubSocket();
 // One datagram on the sub socket: 0, or -1 when the socket is off or the send failed.
 int subSocketPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The 2 s wait between switching a debug socket off and closing it, shared by both sockets.
-void debugSocketGrace();
+// A sender on a debug socket (network log or sub socket). It counts itself in flight before its
+// last look at the switch; a closer switches off, waits its grace period and then until no sender
+// is in flight, so the descriptor is never closed (or reused) under a send. Both sides use seq_cst
+// on the counter and the switch: either the sender sees the switch off or the closer sees it
+// counted. The sender's release decrement hands its use of the socket over to the closer.
+class DebugSocketSender {
+  public:
+    DebugSocketSender(const std::atomic<uint8_t>& enabled, std::atomic<int>& inFlight)
+        : inFlight_(inFlight) {
+        inFlight_.fetch_add(1, std::memory_order_seq_cst);
+        on_ = enabled.load(std::memory_order_seq_cst) != 0;
+    }
+    ~DebugSocketSender() { inFlight_.fetch_sub(1, std::memory_order_release); }
+    DebugSocketSender(const DebugSocketSender&) = delete;
+    DebugSocketSender& operator=(const DebugSocketSender&) = delete;
+    bool on() const { return on_; }
+
+  private:
+    std::atomic<int>& inFlight_;
+    bool on_;
+};
+extern std::atomic<int> netLogInFlight;
+extern std::atomic<int> subSocketInFlight;
+
+// The closing side: switch already off; waits 2 s, then for the last sender in flight to leave.
+void debugSocketDrain(const std::atomic<int>& inFlight);
 
 // Base name of a source path, for the "Msg: %s,(%d): " prefix of socket-creation failures.
 constexpr const char* sourceBaseName(const char* path) {

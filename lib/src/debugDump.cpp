@@ -14,6 +14,7 @@
 std::atomic<uint8_t> subSocketEnabled{0};
 std::atomic<int> subSocket{-1};
 sockaddr_in subSocketDest{};
+std::atomic<int> subSocketInFlight{0};
 
 namespace {
 // Site default of the sub socket peer: the service LAN's diagnostics host.
@@ -111,10 +112,19 @@ void printAddressLines(const S_NetAddr& addr, uint8_t protocol, bool source) {
     }
 }
 
+// Sends the hex dump while the network sink is on; the socket stays open while it is in flight.
+void sendHexDumpIfNetLogOn(const uint8_t* bytes, uint32_t len) {
+    // Acquire: pairs with openNetLog's release so the peer is complete.
+    if (!netLogEnabled.load(std::memory_order_acquire)) return;
+    const DebugSocketSender sender(netLogEnabled, netLogInFlight);
+    if (sender.on()) sendHexDump(bytes, len);
+}
+
 void shutSubSocket() {
-    subSocketEnabled.store(0, std::memory_order_relaxed);
+    // seq_cst: a sender either sees the switch off or is counted in flight (DebugSocketSender).
+    subSocketEnabled.store(0, std::memory_order_seq_cst);
     // A subSocketPrintf that passed the switch test finishes before the descriptor goes.
-    debugSocketGrace();
+    debugSocketDrain(subSocketInFlight);
     const int sock = subSocket.load(std::memory_order_relaxed);
     if (sock > 0) close(sock);
     subSocket.store(-1, std::memory_order_relaxed);
@@ -161,11 +171,8 @@ void dumpBytes(const uint8_t* bytes, int32_t len) {
     printf("len %d: \n", len);
     printBytesByTwenty(bytes, len);
     printf("\n");
-    // Acquire: pairs with openNetLog's release so the peer is complete. A negative count sends an
-    // empty dump rather than reading far past the caller's buffer.
-    if (netLogEnabled.load(std::memory_order_acquire)) {
-        sendHexDump(bytes, len > 0 ? static_cast<uint32_t>(len) : 0u);
-    }
+    // A negative count sends an empty dump rather than reading far past the caller's buffer.
+    sendHexDumpIfNetLogOn(bytes, len > 0 ? static_cast<uint32_t>(len) : 0u);
 }
 
 void dumpProtocolMsg(const S_ProtocolMsg* msg) {
@@ -193,7 +200,7 @@ void dumpProtocolMsg(const S_ProtocolMsg* msg) {
     printf("len %d: \n", static_cast<int>(dataLen));
     printBytesByTwenty(data, dataLen);
     printf("\n");
-    if (netLogEnabled.load(std::memory_order_acquire)) sendHexDump(data, dataLen);
+    sendHexDumpIfNetLogOn(data, dataLen);
     printf("\n");
 }
 
@@ -241,6 +248,8 @@ int closeSubSocket() {
 int subSocketPrintf(const char* format, ...) {
     // Acquire: pairs with openSubSocket's release so subSocket/subSocketDest are complete.
     if (!subSocketEnabled.load(std::memory_order_acquire)) return -1;
+    const DebugSocketSender sender(subSocketEnabled, subSocketInFlight);
+    if (!sender.on()) return -1;
 
     char message[kSubMessageSize];
     va_list args;

@@ -359,12 +359,12 @@ TEST(SubSocket, DefaultsFallbackLoopbackDatagramsAndClose) {
     }
 
     // Closing while another thread sends: it finishes, and the threshold stays as it was.
-    std::atomic<bool> stop{false};
-    std::thread sender([&stop] {
-        while (!stop.load()) subSocketPrintf("x");
-    });
     {
         FdCapture out;
+        std::atomic<bool> stop{false};
+        std::thread sender([&stop] {
+            while (!stop.load()) subSocketPrintf("x");
+        });
         EXPECT_EQ(closeSubSocket(), 0);
         stop = true;
         sender.join();

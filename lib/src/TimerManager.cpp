@@ -43,8 +43,6 @@ TimerManager::TimerManager() : timer(nullptr), listLock(nullptr) {
     timer = new IntervalTimer(kTickMs, sendTick);
 }
 
-// The system keeps the manager for the life of the process; its thread, queue and timer are
-// never torn down, so the destructor releases only the entries.
 TimerManager::~TimerManager() {
     clearTimers();
 }

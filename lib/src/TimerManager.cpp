@@ -152,6 +152,9 @@ void* TimerManager::timerThread(void* manager) {
         puts("_pMsgQueue null\r");
         return nullptr;
     }
+    // A queue that could not be created refuses every receive at once: retrying would only burn
+    // a core for ever, and no timer could fire either way.
+    if (queue->getMsgID() == -1) return nullptr;
     for (;;) {
         receiveTick(queue);
         self->runPass();

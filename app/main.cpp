@@ -1,6 +1,20 @@
 // Daemon entry: start-up in its fixed order, then the main thread parks for good.
 #include <unistd.h>
 
+#include "BlemacMapIpManager.h"
+#include "Monitor.h"
+#include "ProcessContext.h"
+
 int main() {
+    // Step 1: the shared map table, attached before anything else starts.
+    BlemacMapIpManager::instance();
+
+    // Steps 2-3: the bridge (new SerialToEth, then run()) is started here, before the context.
+
+    // Step 4: registry lock, monitor queue, status record, fault trap, tick timer.
+    ProcessContext* context = ProcessContext::instance();
+    // Step 5: on failure it reports and start-up goes on without a monitor.
+    startMonitorThread(context);
+
     for (;;) sleep(100000);
 }

@@ -43,8 +43,6 @@ TimerManager::TimerManager() : timer(nullptr), listLock(nullptr) {
     timer = new IntervalTimer(kTickMs, sendTick);
 }
 
-// The system keeps the manager for the life of the process; its thread, queue and timer are
-// never torn down, so the destructor releases only the entries.
 TimerManager::~TimerManager() {
     clearTimers();
 }
@@ -154,6 +152,9 @@ void* TimerManager::timerThread(void* manager) {
         puts("_pMsgQueue null\r");
         return nullptr;
     }
+    // A queue that could not be created refuses every receive at once: retrying would only burn
+    // a core for ever, and no timer could fire either way.
+    if (queue->getMsgID() == -1) return nullptr;
     for (;;) {
         receiveTick(queue);
         self->runPass();

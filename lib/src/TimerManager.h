@@ -54,10 +54,11 @@ class TimerManager {
     static std::atomic<uint32_t> tickCount;
     static std::atomic<int32_t> tickMode;
 
-    virtual ~TimerManager();
-
   private:
     TimerManager();
+    // Never destroyed: its thread, queue and tick timer live as long as the process, so deleting
+    // it from outside is not offered.
+    virtual ~TimerManager();
     TimerManager(const TimerManager&) = delete;
     TimerManager& operator=(const TimerManager&) = delete;
 

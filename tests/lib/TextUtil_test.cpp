@@ -3,64 +3,40 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <iterator>
+#include <vector>
 
 #include "TextUtil.h"
 
 namespace {
 
-TEST(ParseDottedNumbers, ConvertsOnlyTheFieldsAfterEachDot) {
-    uint64_t values[8];
-    std::fill(std::begin(values), std::end(values), 777u);
-    EXPECT_EQ(parseDottedNumbers("1.22.333", values), 2);
-    EXPECT_EQ(values[0], 22u);
-    EXPECT_EQ(values[1], 333u);
-    EXPECT_EQ(values[2], 777u);
-
-    EXPECT_EQ(parseDottedNumbers("10.0.0.1", values), 3);
-    EXPECT_EQ(values[0], 0u);
-    EXPECT_EQ(values[1], 0u);
-    EXPECT_EQ(values[2], 1u);
-
-    // Every dot yields a number, also where nothing numeric follows it.
-    EXPECT_EQ(parseDottedNumbers("a..x.18446744073709551615", values), 3);
-    EXPECT_EQ(values[0], 0u);
-    EXPECT_EQ(values[1], 0u);
-    EXPECT_EQ(values[2], UINT64_MAX);
+std::vector<uint64_t> dotted(const char* text, int32_t expectedCount) {
+    std::vector<uint64_t> values(8, 777);
+    EXPECT_EQ(parseDottedNumbers(text, values.data()), expectedCount) << text;
+    values.resize(std::max(expectedCount, 0));
+    return values;
 }
 
-TEST(ParseDottedNumbers, NoDotOrNullArguments) {
-    uint64_t values[2] = {5, 6};
-    EXPECT_EQ(parseDottedNumbers("12345", values), 0);
-    EXPECT_EQ(parseDottedNumbers("", values), 0);
-    EXPECT_EQ(values[0], 5u);
-    EXPECT_EQ(parseDottedNumbers(nullptr, values), -1);
+TEST(ParseDottedNumbers, ConvertsOnlyTheFieldsAfterEachDot) {
+    EXPECT_EQ(dotted("1.22.333", 2), (std::vector<uint64_t>{22, 333}));
+    EXPECT_EQ(dotted("10.0.0.1", 3), (std::vector<uint64_t>{0, 0, 1}));
+    uint64_t untouched = 5;
+    EXPECT_EQ(parseDottedNumbers("12345", &untouched), 0);
+    EXPECT_EQ(untouched, 5u);
+    EXPECT_EQ(parseDottedNumbers(nullptr, &untouched), -1);
     EXPECT_EQ(parseDottedNumbers("1.2", nullptr), -1);
 }
 
 TEST(ParseDecimal, SignBlanksAndEndPosition) {
-    const char* text = "  -12.5x";
-    char* end = nullptr;
-    EXPECT_EQ(parseDecimal(text, &end), -12.5f);
-    EXPECT_EQ(end, text + 7);
-
-    const char* trailingDot = "3.";
-    EXPECT_EQ(parseDecimal(trailingDot, &end), 3.0f);
-    EXPECT_EQ(end, trailingDot + 2);
-
-    const char* plus = "+5";  // not a sign this reader knows
-    EXPECT_EQ(parseDecimal(plus, &end), 0.0f);
-    EXPECT_EQ(end, plus);
-
-    const char* exponent = "2e3";
-    EXPECT_EQ(parseDecimal(exponent, &end), 2.0f);
-    EXPECT_EQ(end, exponent + 1);
-
-    EXPECT_EQ(parseDecimal("\t\n 42", nullptr), 42.0f);
-}
-
-TEST(ParseDecimal, NullTextLeavesEndAlone) {
+    struct Case {
+        const char* text;
+        float value;
+        size_t consumed;
+    };
+    for (const Case& c : {Case{"  -12.5x", -12.5f, 7}, Case{"3.", 3.0f, 2}, Case{"+5", 0.0f, 0}}) {
+        char* end = nullptr;
+        EXPECT_EQ(parseDecimal(c.text, &end), c.value) << c.text;
+        EXPECT_EQ(end, c.text + c.consumed) << c.text;
+    }
     char marker = 0;
     char* end = &marker;
     EXPECT_EQ(parseDecimal(nullptr, &end), 0.0f);

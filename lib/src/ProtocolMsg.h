@@ -1,4 +1,5 @@
-// The protocol layer's message record, embedded in type-2 pool buffers and dumped by the debug unit.
+// The protocol layer's message record, embedded in type-2 pool buffers and dumped by the debug
+// unit.
 #pragma once
 
 #include <cstddef>

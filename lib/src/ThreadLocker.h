@@ -8,7 +8,7 @@
 
 // Normal (non-recursive) process-private mutex; the holder must not lock it again.
 class ThreadLocker {
-public:
+  public:
     ThreadLocker();
     virtual ~ThreadLocker();
     ThreadLocker(const ThreadLocker&) = delete;
@@ -17,13 +17,13 @@ public:
     bool lock();
     bool unlock();
 
-protected:
+  protected:
     pthread_mutex_t mutex;
 };
 
 // Mutex plus condition variable; wait and timedWait are called with the lock held.
 class ThreadCondLocker : public ThreadLocker {
-public:
+  public:
     ThreadCondLocker();
     ~ThreadCondLocker() override;
 
@@ -34,12 +34,12 @@ public:
     // Returns the pthread result code itself (0 on success), unlike the other operations.
     int broadcast();
 
-private:
+  private:
     pthread_cond_t cond;
 };
 
 class RWThreadLocker {
-public:
+  public:
     enum : int32_t { READ_LOCK = 1, WRITE_LOCK = 2 };
 
     RWThreadLocker();
@@ -51,7 +51,7 @@ public:
     bool lock(int32_t mode);
     bool unlock();
 
-private:
+  private:
     pthread_rwlock_t rwlock;
 };
 

@@ -202,6 +202,7 @@ if [ "${BASH_SOURCE[0]}" = "$0" ]; then
                  "57600 bytes/s each way"
             echo "== ping -c 5 10.99.0.2 from a (84-byte packets: 104 bytes on the line each way," \
                  "3.61 ms of line time per round trip)"
+            h_exec a ping -c 1 -W 3 10.99.0.2 >/dev/null || true  # resolve addresses first
             h_exec a ping -c 5 -i 0.3 10.99.0.2 | tail -n 3
             echo "== TCP transfer of $bytes bytes from a to b"
             h_exec b "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" recv 5001 >"$H_DIR/recv.txt" &

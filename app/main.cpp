@@ -4,12 +4,16 @@
 #include "BlemacMapIpManager.h"
 #include "Monitor.h"
 #include "ProcessContext.h"
+#include "SerialToEth.h"
 
 int main() {
     // Step 1: the shared map table, attached before anything else starts.
     BlemacMapIpManager::instance();
 
-    // Steps 2-3: the bridge (new SerialToEth, then run()) is started here, before the context.
+    // Steps 2-3: the bridge is created once and never destroyed; run() returns once its three
+    // worker threads are up.
+    SerialToEth* bridge = new SerialToEth();
+    bridge->run();
 
     // Step 4: registry lock, monitor queue, status record, fault trap, tick timer.
     ProcessContext* context = ProcessContext::instance();

@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
-# Builds the daemon and runs it in private namespaces for a few seconds, showing its start-up output.
+# Builds the project, then runs two bridges joined by the emulated 576000 baud serial line, each in
+# namespaces of its own, and shows a ping and a bulk TCP transfer across them with their figures.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
-tools/nsrun timeout --preserve-status -s TERM 5 build/default/app/SerialToEth || true
+export S2E_DAEMON=$PWD/build/default/app/SerialToEth
+export S2E_TOOLS_DIR=$PWD/build/default/tools
+export S2E_EMULATOR=
+tools/nsrun tools/e2e-harness.sh demo "${1:-500000}"

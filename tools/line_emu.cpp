@@ -1,0 +1,364 @@
+// Serial line emulator: joins two pseudo-terminals with a relay paced like a 576000 baud 8N1 line
+// (57600 bytes per second each way) and injects bit errors, dropped bytes and garbage on demand.
+//
+// Usage: line_emu [--info FILE] [--control FIFO] [--rate BYTES_PER_S] [--ber P] [--drop P]
+//                 [--tick USEC] [--queue BYTES] [--seed N]
+//   --info FILE     written once both terminals exist: "a <slave path>\nb <slave path>\n"
+//                   (written to FILE.tmp, then renamed, so a reader never sees half of it)
+//   --control FIFO  a FIFO (made if missing) that takes one command per line:
+//                     ber <P> [ab|ba]     probability that a bit on the line flips (0 = clean)
+//                     drop <P> [ab|ba]    probability that a byte is lost
+//                     garbage <N> [ab|ba] queue a burst of N random bytes on the line
+//                     clear               no more bit errors or drops
+//                     stats               print the counters on standard error
+//                   "ab" is the direction from side a to side b; without it a command acts on both.
+//   --rate          bytes per second per direction (default 57600: ten bit times per byte)
+//   --tick          longest pause of the relay while bytes are in flight (default 100 us): bytes
+//                   are handed to the far side no later than this after their last bit time
+//   --queue         bytes the relay takes from a side ahead of the line, like a UART transmit
+//                   FIFO (default 4096); the rest waits in the pseudo-terminal
+// SIGTERM or SIGINT ends it; the counters are printed on standard error at the end.
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+volatile sig_atomic_t stopRequested = 0;
+void onStop(int) {
+    stopRequested = 1;
+}
+
+int64_t nowNs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+uint64_t rngState = 0x9E3779B97F4A7C15ull;
+uint64_t nextRandom() {  // xorshift64*: cheap and good enough for fault placement
+    rngState ^= rngState >> 12;
+    rngState ^= rngState << 25;
+    rngState ^= rngState >> 27;
+    return rngState * 2685821657736338717ull;
+}
+double uniform() {
+    return static_cast<double>(nextRandom() >> 11) * (1.0 / 9007199254740992.0);
+}
+
+struct Direction {
+    const char* name;
+    int from = -1;  // master of the sending side
+    int to = -1;    // master of the receiving side
+    // Bytes taken from the sender and not yet fully on the line.
+    uint8_t* queue = nullptr;
+    size_t capacity = 0, head = 0, count = 0;
+    int64_t nextDone = 0;  // when the byte at the head has its last bit on the line
+    double ber = 0, drop = 0;
+    uint64_t carried = 0, flipped = 0, dropped = 0, garbage = 0, overrun = 0;
+
+    size_t room() const { return capacity - count; }
+    void push(const uint8_t* data, size_t n, int64_t now, int64_t byteNs) {
+        if (count == 0 && nextDone < now + byteNs) nextDone = now + byteNs;  // idle line starts now
+        for (size_t i = 0; i < n; ++i) queue[(head + count + i) % capacity] = data[i];
+        count += n;
+    }
+};
+
+void applyFaults(Direction& d, uint8_t* out, size_t& n) {
+    if (d.ber <= 0 && d.drop <= 0) return;
+    size_t kept = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (d.drop > 0 && uniform() < d.drop) {
+            ++d.dropped;
+            continue;
+        }
+        uint8_t b = out[i];
+        if (d.ber > 0) {
+            for (int bit = 0; bit < 8; ++bit) {
+                if (uniform() < d.ber) {
+                    b ^= static_cast<uint8_t>(1u << bit);
+                    ++d.flipped;
+                }
+            }
+        }
+        out[kept++] = b;
+    }
+    n = kept;
+}
+
+// Hands every byte whose last bit time has passed to the far side.
+void deliver(Direction& d, int64_t now, int64_t byteNs) {
+    uint8_t out[4096];
+    while (d.count > 0 && d.nextDone <= now) {
+        size_t n = 0;
+        while (d.count > 0 && d.nextDone <= now && n < sizeof out) {
+            out[n++] = d.queue[d.head];
+            d.head = (d.head + 1) % d.capacity;
+            --d.count;
+            d.nextDone += byteNs;
+        }
+        d.carried += n;
+        applyFaults(d, out, n);
+        if (n == 0) continue;
+        ssize_t w = write(d.to, out, n);
+        // A receiver that does not keep up loses bytes, as a UART without flow control would.
+        if (w < 0) w = 0;
+        d.overrun += n - static_cast<size_t>(w);
+    }
+}
+
+void printStats(const Direction* dirs) {
+    for (int i = 0; i < 2; ++i) {
+        const Direction& d = dirs[i];
+        fprintf(
+            stderr,
+            "line_emu %s: carried %llu flipped-bits %llu dropped %llu garbage %llu overrun %llu "
+            "queued %zu\n",
+            d.name, static_cast<unsigned long long>(d.carried),
+            static_cast<unsigned long long>(d.flipped), static_cast<unsigned long long>(d.dropped),
+            static_cast<unsigned long long>(d.garbage), static_cast<unsigned long long>(d.overrun),
+            d.count);
+    }
+}
+
+void handleCommand(char* line, Direction* dirs, int64_t now, int64_t byteNs) {
+    char verb[16] = {}, arg[64] = {}, which[8] = {};
+    int fields = sscanf(line, "%15s %63s %7s", verb, arg, which);
+    if (fields < 1) return;
+    bool ab = fields < 3 || strcmp(which, "ab") == 0;
+    bool ba = fields < 3 || strcmp(which, "ba") == 0;
+    std::string v = verb;
+    if (v == "clear") {
+        for (int i = 0; i < 2; ++i) dirs[i].ber = dirs[i].drop = 0;
+    } else if (v == "stats") {
+        printStats(dirs);
+    } else if ((v == "ber" || v == "drop") && fields >= 2) {
+        double p = atof(arg);
+        for (int i = 0; i < 2; ++i) {
+            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
+            (v == "ber" ? dirs[i].ber : dirs[i].drop) = p;
+        }
+    } else if (v == "garbage" && fields >= 2) {
+        long n = atol(arg);
+        for (int i = 0; i < 2; ++i) {
+            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
+            Direction& d = dirs[i];
+            for (long k = 0; k < n && d.room() > 0; ++k) {
+                uint8_t b = static_cast<uint8_t>(nextRandom() >> 56);
+                d.push(&b, 1, now, byteNs);
+                ++d.garbage;
+            }
+        }
+    } else {
+        fprintf(stderr, "line_emu: unknown command: %s\n", line);
+    }
+}
+
+int openSide(std::string& slavePath, int& slaveFd) {
+    termios raw{};
+    cfmakeraw(&raw);
+    cfsetispeed(&raw, B576000);
+    cfsetospeed(&raw, B576000);
+    int master = -1;
+    char name[128] = {};
+    if (openpty(&master, &slaveFd, name, &raw, nullptr) != 0) {
+        perror("line_emu: openpty");
+        exit(1);
+    }
+    // The master side in raw mode too, so nothing the daemon writes is altered on its way to us.
+    termios m{};
+    tcgetattr(master, &m);
+    cfmakeraw(&m);
+    tcsetattr(master, TCSANOW, &m);
+    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+    slavePath = name;
+    return master;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const char* infoPath = nullptr;
+    const char* controlPath = nullptr;
+    double rate = 57600, ber = 0, drop = 0;
+    long tickUs = 100, queueBytes = 4096;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto next = [&]() -> const char* {
+            if (i + 1 >= argc) {
+                fprintf(stderr, "line_emu: %s needs a value\n", a.c_str());
+                exit(2);
+            }
+            return argv[++i];
+        };
+        if (a == "--info")
+            infoPath = next();
+        else if (a == "--control")
+            controlPath = next();
+        else if (a == "--rate")
+            rate = atof(next());
+        else if (a == "--ber")
+            ber = atof(next());
+        else if (a == "--drop")
+            drop = atof(next());
+        else if (a == "--tick")
+            tickUs = atol(next());
+        else if (a == "--queue")
+            queueBytes = atol(next());
+        else if (a == "--seed")
+            rngState = strtoull(next(), nullptr, 0) | 1;
+        else {
+            fprintf(stderr, "line_emu: unknown option %s\n", a.c_str());
+            return 2;
+        }
+    }
+    if (rate <= 0 || tickUs <= 0 || queueBytes <= 0) {
+        fprintf(stderr, "line_emu: rate, tick and queue must be positive\n");
+        return 2;
+    }
+    const int64_t byteNs = static_cast<int64_t>(std::llround(1e9 / rate));
+
+    struct sigaction sa {};
+    sa.sa_handler = onStop;
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    // Wake-ups at the requested time, not up to 50 us later: the relay's timing is the line's.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
+
+    std::string pathA, pathB;
+    int slaveA = -1, slaveB = -1;
+    int masterA = openSide(pathA, slaveA);
+    int masterB = openSide(pathB, slaveB);
+    // The slave descriptors stay open here so that the line does not hang up while no daemon has
+    // its end open (a master read would then fail with EIO).
+
+    Direction dirs[2];
+    dirs[0].name = "ab";
+    dirs[0].from = masterA;
+    dirs[0].to = masterB;
+    dirs[1].name = "ba";
+    dirs[1].from = masterB;
+    dirs[1].to = masterA;
+    for (Direction& d : dirs) {
+        d.capacity = static_cast<size_t>(queueBytes);
+        d.queue = static_cast<uint8_t*>(malloc(d.capacity));
+        d.ber = ber;
+        d.drop = drop;
+    }
+
+    int controlFd = -1;
+    if (controlPath) {
+        if (mkfifo(controlPath, 0600) != 0 && errno != EEXIST) {
+            perror("line_emu: mkfifo");
+            return 1;
+        }
+        // Opened read-write so the FIFO never reports end-of-file between writers.
+        controlFd = open(controlPath, O_RDWR | O_NONBLOCK);
+        if (controlFd < 0) {
+            perror("line_emu: control");
+            return 1;
+        }
+    }
+
+    if (infoPath) {
+        std::string tmp = std::string(infoPath) + ".tmp";
+        FILE* f = fopen(tmp.c_str(), "w");
+        if (!f) {
+            perror("line_emu: info");
+            return 1;
+        }
+        fprintf(f, "a %s\nb %s\n", pathA.c_str(), pathB.c_str());
+        fclose(f);
+        rename(tmp.c_str(), infoPath);
+    } else {
+        printf("a %s\nb %s\n", pathA.c_str(), pathB.c_str());
+        fflush(stdout);
+    }
+
+    std::string controlLine;
+    uint8_t buf[4096];
+    while (!stopRequested) {
+        int64_t now = nowNs();
+        for (Direction& d : dirs) deliver(d, now, byteNs);
+
+        pollfd fds[3];
+        int nfds = 0;
+        for (Direction& d : dirs) {
+            // Read a side only while its queue has room: the rest waits in the terminal, so
+            // the sender feels the line's pace.
+            fds[nfds++] = {d.from, static_cast<short>(d.room() > 0 ? POLLIN : 0), 0};
+        }
+        if (controlFd >= 0) fds[nfds++] = {controlFd, POLLIN, 0};
+
+        // While bytes are in flight, wake when the next one is done, but not sooner than a tick:
+        // bytes go over in small batches instead of one wake-up per byte.
+        int64_t wait = -1;
+        for (Direction& d : dirs) {
+            if (d.count == 0) continue;
+            int64_t until = d.nextDone - now;
+            int64_t last = d.nextDone + static_cast<int64_t>(d.count - 1) * byteNs - now;
+            // The tail of a burst is handed over on time: a frame's last byte is what the far side
+            // waits for, so a tick's delay there would show in every round trip.
+            if (until < tickUs * 1000) until = last < tickUs * 1000 ? last : tickUs * 1000;
+            if (until < 0) until = 0;
+            if (wait < 0 || until < wait) wait = until;
+        }
+        timespec ts{};
+        timespec* tsp = nullptr;
+        if (wait >= 0) {
+            ts.tv_sec = wait / 1000000000;
+            ts.tv_nsec = wait % 1000000000;
+            tsp = &ts;
+        }
+        int r = ppoll(fds, static_cast<nfds_t>(nfds), tsp, nullptr);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            perror("line_emu: poll");
+            break;
+        }
+        now = nowNs();
+        for (int i = 0; i < 2; ++i) {
+            Direction& d = dirs[i];
+            if (!(fds[i].revents & POLLIN) || d.room() == 0) continue;
+            size_t want = d.room() < sizeof buf ? d.room() : sizeof buf;
+            ssize_t n = read(d.from, buf, want);
+            if (n > 0) d.push(buf, static_cast<size_t>(n), now, byteNs);
+        }
+        if (controlFd >= 0 && (fds[nfds - 1].revents & POLLIN)) {
+            char cbuf[512];
+            ssize_t n = read(controlFd, cbuf, sizeof cbuf);
+            for (ssize_t k = 0; k < n; ++k) {
+                if (cbuf[k] == '\n') {
+                    handleCommand(&controlLine[0], dirs, now, byteNs);
+                    controlLine.clear();
+                } else {
+                    controlLine += cbuf[k];
+                }
+            }
+        }
+    }
+    printStats(dirs);
+    close(slaveA);
+    close(slaveB);
+    close(masterA);
+    close(masterB);
+    if (controlPath) unlink(controlPath);
+    return 0;
+}

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the demonstration need, skipping those
-# already present. Usage: tools/install-deps.sh [--cross]   (--cross adds the AArch64 tool chain)
+# already present. Usage: tools/install-deps.sh [--cross]   (--cross adds the AArch64 tool chain,
+# qemu-user to run its tests, and busybox, whose shell the boot script is checked with)
 set -euo pipefail
 packages=(cmake ninja-build g++ make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev net-tools psmisc iproute2 util-linux procps iputils-ping
           python3 clang-format)
 if [ "${1:-}" = "--cross" ]; then
-    packages+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user)
+    packages+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user busybox)
 fi
 missing=()
 for p in "${packages[@]}"; do

@@ -21,7 +21,7 @@ namespace s2etest {
 
 // Sends a descriptor (standard output by default) into a temporary file until text() is called.
 class FdCapture {
-public:
+  public:
     explicit FdCapture(int fd = STDOUT_FILENO) : fd_(fd), file_(tmpfile()) {
         fflush(nullptr);
         saved_ = dup(fd_);
@@ -43,7 +43,7 @@ public:
         return out;
     }
 
-private:
+  private:
     void restore() {
         if (saved_ < 0) return;
         fflush(nullptr);
@@ -66,7 +66,7 @@ std::string captureStdout(Body&& body) {
 
 // A UDP socket on 127.0.0.1 and a free port: the only kind of peer tests ever send to.
 class UdpPeer {
-public:
+  public:
     UdpPeer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
         const int big = 1 << 20;
         setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
@@ -98,7 +98,7 @@ public:
         }
     }
 
-private:
+  private:
     int fd_;
     uint16_t port_ = 0;
 };

@@ -58,8 +58,8 @@ std::string modelFrame(std::deque<uint8_t>& q, size_t capacity, uint8_t start, u
 }
 
 // The model's message cut; `peekCount` receives the peek result.
-std::string modelMessage(std::deque<uint8_t>& q, const std::string* head, const std::string* tail,
-                         bool peek, size_t& peekCount) {
+std::string modelMessage(std::deque<uint8_t>& q, size_t capacity, const std::string* head,
+                         const std::string* tail, bool peek, size_t& peekCount) {
     peekCount = 0;
     if (head == nullptr || head->empty()) return {};
     const size_t h = head->size();
@@ -76,12 +76,13 @@ std::string modelMessage(std::deque<uint8_t>& q, const std::string* head, const 
         end = j + t;
     }
     if (peek) {
-        peekCount = q.size() - k;
+        // Counted from the positions, so a full ring with its head at the oldest byte gives 0.
+        peekCount = (q.size() - k) % capacity;
         return {};
     }
     std::string message(q.begin() + static_cast<long>(k), q.begin() + static_cast<long>(end));
     q.erase(q.begin(), q.begin() + static_cast<long>(end));
-    return message;
+    return message.size() == capacity ? std::string() : message;
 }
 
 bool same(const Int8* bytes, uint32_t n, const std::string& expected) {
@@ -139,7 +140,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     ring.getMessage(out.get(), headArg ? headArg->c_str() : nullptr,
                                     tailArg ? tailArg->c_str() : nullptr, peek ? 1 : 0);
                 size_t peekCount = 0;
-                const std::string expected = modelMessage(model, headArg, tailArg, peek, peekCount);
+                const std::string expected =
+                    modelMessage(model, capacity, headArg, tailArg, peek, peekCount);
                 check(peek ? n == peekCount : same(out.get(), n, expected));
                 break;
             }

@@ -171,13 +171,19 @@ uint32_t CircleBuffer::getMessage(Int8* trgBuf, const char* head, const char* ta
     }
 
     const uint32_t messageStart = wrap(_readPos + headOffset);
-    // Stored bytes from the head to the newest byte; counted rather than taken from the positions,
-    // which cannot tell a full ring from an empty one.
-    if (peek != 0) return _dataLen - headOffset;
+    // Bytes from the head up to the write position. The positions cannot tell a full ring from an
+    // empty one, so on a full ring whose head is the oldest byte this is 0, as callers expect.
+    if (peek != 0) {
+        return messageStart <= _writePos ? _writePos - messageStart
+                                         : _size + _writePos - messageStart;
+    }
 
     const uint32_t length = messageEnd - headOffset;
     _readPos = wrap(_readPos + messageEnd);
     _dataLen -= messageEnd;
+    // A message as long as the whole ring wraps to length 0, as in getFrame: consumed, nothing
+    // delivered.
+    if (length == _size) return 0;
     // Exactly the message, head through tail: never a byte that was not consumed or not stored.
     copyOut(messageStart, trgBuf, length);
     return length;

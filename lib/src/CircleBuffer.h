@@ -27,7 +27,8 @@ class CircleBuffer {
     // Returns the frame length, 0 when there is no whole frame (then nothing is consumed).
     uint32_t getFrame(Int8* trgBuf, Int8 startByte, Int8 endByte);
     // Cuts out head .. tail (tail may be null); with `peek` nonzero only counts the bytes from the
-    // head to the newest stored byte and consumes nothing. Returns 0 when there is no message.
+    // head up to the write position (0 on a full ring whose head is the oldest byte) and consumes
+    // nothing. Returns 0 when there is no message, or when the message fills the whole ring.
     uint32_t getMessage(Int8* trgBuf, const char* head, const char* tail, uint8_t peek);
     // Snapshots, stale as soon as they return.
     uint32_t getFreeSize();

@@ -153,8 +153,9 @@ int32_t MsgBufferPool::initPool(uint16_t count, uint16_t dataSize) {
 MsgBuf MsgBufferPool::allocMsgBuf(uint16_t msgType, uint16_t size, uint32_t owner) {
     if (owner == 0)
         debugLog(LOG_ERROR, "NOTE: MsgBufferPool::allocMsgBuf: anonymous owner......\n");
-    // Above this the doubled capacity would lose its top bit or wrap the 16-bit block size.
-    if (size > MSGBUF_MAX_ALLOC_SIZE) {
+    // The top bit of the size is masked off before doubling; a masked size above this would wrap
+    // the 16-bit block size, and the block would be smaller than its data area.
+    if ((size & 0x7FFFu) > MSGBUF_MAX_ALLOC_SIZE) {
         debugLog(LOG_ERROR, "ERR: MsgBufferPool::allocMsgBuf: size %d too large, refused!\n", size);
         return invalidHandle();
     }

@@ -55,8 +55,9 @@ class MsgBufferPool {
     // Creates `count` free buffers of `dataSize` bytes (0 means 1024), once; later calls do
     // nothing. Returns 0, or -1 (nothing created) for a data size above MSGBUF_MAX_DATA_SIZE.
     static int32_t initPool(uint16_t count, uint16_t dataSize);
-    // A buffer with room for twice `size` bytes, first fit from the free list, else a new one.
-    // A size above MSGBUF_MAX_ALLOC_SIZE is refused with a handle in state MSGBUF_INVALID.
+    // A buffer with room for (size & 0x7FFF) * 2 bytes, first fit from the free list, else a new
+    // one. A masked size above MSGBUF_MAX_ALLOC_SIZE is refused with a handle in state
+    // MSGBUF_INVALID.
     static MsgBuf allocMsgBuf(uint16_t msgType, uint16_t size, uint32_t owner);
     // One more reference to the same buffer for `owner`; state MSGBUF_INVALID if `buf` is not
     // valid.

@@ -30,27 +30,31 @@ struct S_NPC {
     uint8_t moduleType;
     uint8_t mcpID;
 };
-// The low 4 bits of the protocol byte choose the variant: 1 NPA, 2 NPB, 3 NPC, else none.
-union S_NetAddr {
-    S_NPA npa;
-    S_NPB npb;
-    S_NPC npc;
-    uint8_t raw[32];
-};
+// The low 4 bits of a protocol byte choose the address variant that follows it: 1 NPA, 2 NPB,
+// 3 NPC, else none. Each variant sits at the start of a 32-byte area; the rest carries nothing.
 struct S_ProtocolMsg {
     uint8_t pkgType;
     uint16_t srcDeviceID;
     uint8_t srcProtocol;
-    S_NetAddr srcAddr;
+    union {
+        S_NPA srcNPA;
+        S_NPB srcNPB;
+        S_NPC srcNPC;
+        uint8_t srcAddr[32];
+    };
     uint16_t destDeviceID;
     uint8_t destProtocol;
-    S_NetAddr destAddr;
+    union {
+        S_NPA destNPA;
+        S_NPB destNPB;
+        S_NPC destNPC;
+        uint8_t destAddr[32];
+    };
     uint16_t pdataLen;
     uint8_t* pdata;
 };
 #pragma pack(pop)
 
-static_assert(sizeof(S_NetAddr) == 32, "address area is 32 bytes");
 static_assert(sizeof(S_ProtocolMsg) == 81, "S_ProtocolMsg is a packed 81-byte record");
 static_assert(offsetof(S_ProtocolMsg, destDeviceID) == 36, "destination follows the source area");
 static_assert(offsetof(S_ProtocolMsg, pdataLen) == 71, "pdataLen at offset 71");

@@ -152,9 +152,8 @@ void* TimerManager::timerThread(void* manager) {
         puts("_pMsgQueue null\r");
         return nullptr;
     }
-    // A queue that could not be created refuses every receive at once: retrying would only burn
-    // a core for ever, and no timer could fire either way.
-    if (queue->getMsgID() == -1) return nullptr;
+    // A failed receive is retried at once and the thread never ends, even on a queue that could
+    // not be created: the manager has no other way to report that it lives.
     for (;;) {
         receiveTick(queue);
         self->runPass();

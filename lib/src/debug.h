@@ -77,7 +77,7 @@ extern uint32_t logServerAppliedPort;
 extern sockaddr_in logServerAddr;
 int setTelnetLogServer();
 
-// Hex dumps, the protocol message dump and the sub socket (debugDump.cpp).
+// Hex dumps, the protocol message dump and the sub socket.
 // Sub socket switch: release after subSocket/subSocketDest are set, acquire before they are read;
 // switched off with seq_cst against the in-flight count (see DebugSocketSender).
 extern std::atomic<uint8_t> subSocketEnabled;

@@ -4,14 +4,12 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/futex.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,18 +62,8 @@ void raisePrecedence() {
     (void)result;  // best effort: an unprivileged start keeps the default nice value
 }
 
-// The dispatcher's pass sleep, cut short by wakeDispatcher.
+// The dispatcher's pass sleep while it has work, cut short by a reader's wake-up.
 constexpr timespec kPassSleep = {0, 100 * 1000};
-
-long futexWait(std::atomic<uint32_t>* word, uint32_t expected, const timespec* timeout) {
-    return syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAIT_PRIVATE, expected,
-                   timeout, nullptr, 0);
-}
-
-long futexWake(std::atomic<uint32_t>* word) {
-    return syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr,
-                   nullptr, 0);
-}
 
 uint32_t threadHandleLow32() {
     return static_cast<uint32_t>(pthread_self());
@@ -123,8 +111,11 @@ int32_t SerialToEth::tun_alloc(char* name, int32_t flags) {
     // An empty name leaves the request's name zeroed, so the kernel picks one.
     if (name[0] != '\0') strncpy(ifr.ifr_name, name, IFNAMSIZ);
     if (ioctl(fd, TUNSETIFF, &ifr) < 0) {
-        // Usually a DHCP client still holds the interface from an earlier run.
-        (void)system("killall udhcpc");
+        // Usually a DHCP client still holds the interface from an earlier run. Its outcome does
+        // not matter (a void cast would not silence the fortified libc's unused-result warning):
+        // the second attach tells whether the interface came free.
+        int killed = system("killall udhcpc");
+        (void)killed;
         if (ioctl(fd, TUNSETIFF, &ifr) < 0) {
             perror("TUNSETIFF");
             exit(0);
@@ -237,10 +228,13 @@ void* SerialToEth::serialSndThread(void* arg) {
     raisePrecedence();
 
     useconds_t retryPause = kSerialRetryFirstMicros;
+    int32_t count = 0;
     for (;;) {
-        memset(self->serialRxBuf, 0, sizeof self->serialRxBuf);
+        // The buffer is all zero before every read: the constructor cleared it, and this clears
+        // what the last read filled (a whole-buffer clear per read would cost more than the read).
+        if (count > 0) memset(self->serialRxBuf, 0, static_cast<size_t>(count));
         // The blocking read paces this loop while the port works.
-        int32_t count = self->port->read(self->serialRxBuf, kSerialReadSize);
+        count = self->port->read(self->serialRxBuf, kSerialReadSize);
         if (count <= 0) {
             usleep(retryPause);
             retryPause =
@@ -251,8 +245,9 @@ void* SerialToEth::serialSndThread(void* arg) {
         if (ringPutBytes(self->serialRing, self->serialRxBuf, static_cast<uint16_t>(count)) < 0) {
             debugLog(LOG_ERROR, "ERR:Discard %d bytes of data due to full Serial circle buffer!\n",
                      count);
-        } else {
-            self->wakeDispatcher();
+        } else if (self->dispatcherWake.serialChunkNeedsPass(self->serialRing, self->serialRxBuf,
+                                                             static_cast<uint32_t>(count))) {
+            self->dispatcherWake.wake();
         }
     }
     return nullptr;
@@ -277,7 +272,7 @@ void* SerialToEth::rcvSerialThread(void* arg) {
                 debugLog(LOG_ERROR, "ERR:Discard %d bytes of data due to full tun buffer!\n",
                          static_cast<int>(count));
             } else {
-                self->wakeDispatcher();
+                self->dispatcherWake.wake();  // every stored frame can be sent
             }
         }
         usleep(kPollMicros);
@@ -290,55 +285,43 @@ void* SerialToEth::circleDealThread(void* arg) {
     printf("circleDealThread startUp!\n");
     fflush(stdout);
     for (;;) {
-        // seq_cst on the counter and the flag, here and in wakeDispatcher: of "reader bumps the
-        // counter, then reads the flag" and "dispatcher sets the flag, then reads the counter" at
-        // least one side sees the other, so a wake-up is never lost; the futex compares again in
-        // the kernel. The ring bytes themselves are ordered by the rings' own acquire/release.
-        uint32_t seen = self->passWake.load(std::memory_order_seq_cst);
-        self->sendFrameToSerial();
-        self->sendPacketToTun();
-        // The pass sleep: 100 us, or less when a reader brought new bytes meanwhile. Polling
-        // alone would add up to a pass at each of the two dispatchers a frame crosses.
-        self->dispatcherWaiting.store(1, std::memory_order_seq_cst);
-        if (self->passWake.load(std::memory_order_seq_cst) == seen) {
-            futexWait(&self->passWake, seen, &kPassSleep);
+        const DispatcherWake::Pass pass = self->dispatcherWake.passStart();
+        bool more = self->sendFrameToSerial();
+        more = self->sendPacketToTun() || more;
+        if (more) {
+            // Work left: the next pass after the pass sleep, or sooner when a reader brings more.
+            self->dispatcherWake.sleep(pass, &kPassSleep);
+        } else if (self->dispatcherWake.armIdle(self->serialRing, pass)) {
+            // Nothing either ring holds can move until a reader stores more: no timer, no polling.
+            self->dispatcherWake.sleep(pass, nullptr);
         }
-        self->dispatcherWaiting.store(0, std::memory_order_relaxed);  // only spares wake calls
     }
     return nullptr;
 }
 
-void SerialToEth::wakeDispatcher() {
-    passWake.fetch_add(1, std::memory_order_seq_cst);  // see circleDealThread
-    if (dispatcherWaiting.load(std::memory_order_seq_cst) != 0) futexWake(&passWake);
-}
-
-void SerialToEth::sendFrameToSerial() {
-    // An empty ring has nothing to take, and the clear only serves a take, so an idle pass (ten
-    // thousand a second) skips both. ringUsed is the consumer's snapshot: bytes that arrive just
-    // after it are taken on the next pass, which their producer's wake-up starts at once.
-    if (ringUsed(tunRing) == 0) return;
-    memset(serialTxBuf, 0, sizeof serialTxBuf);
-    int32_t length = ringTakeFrame(tunRing, serialTxBuf, kSerialFrameLimit);
-    if (length <= 0) return;
+bool SerialToEth::sendFrameToSerial() {
+    bool more = false;
+    int32_t length =
+        takeNextFrame(tunRing, serialTxBuf, sizeof serialTxBuf, kSerialFrameLimit, &more);
+    if (length <= 0) return more;
 
     int32_t sent = 0;
     for (int attempt = 0; attempt < kSerialWriteAttempts; ++attempt) {
         int32_t n = port->write(serialTxBuf + sent, static_cast<uint32_t>(length - sent));
         if (n > 0) sent += n;
-        if (sent >= length) return;
+        if (sent >= length) return more;
         usleep(kPollMicros);
     }
     debugLog(LOG_ERROR, "ERR:Fail to send data to Serial[%dbytes]\n", length - sent);
+    return more;
 }
 
-void SerialToEth::sendPacketToTun() {
-    // Same reasoning as above: nothing buffered, nothing to clear or take.
-    if (ringUsed(serialRing) == 0) return;
-    memset(tunTxBuf, 0, sizeof tunTxBuf);
-    int32_t length = ringTakePacket(serialRing, tunTxBuf, kTunPacketLimit);
-    if (length <= 0) return;
+bool SerialToEth::sendPacketToTun() {
+    bool more = false;
+    int32_t length = takeNextPacket(serialRing, tunTxBuf, sizeof tunTxBuf, kTunPacketLimit, &more);
+    if (length <= 0) return more;
     if (::write(tunFd, tunTxBuf, static_cast<size_t>(length)) != length) {
         debugLog(LOG_ERROR, "ERR:Failed to send data to Tun(%d)!\n", length);
     }
+    return more;
 }

@@ -5,11 +5,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
 
 #include "ByteRing.h"
 #include "CommPortDriver.h"
+#include "DispatcherWake.h"
 
 class SerialToEth {
   public:
@@ -48,12 +48,10 @@ class SerialToEth {
     static void* rcvSerialThread(void* arg);
     static void* circleDealThread(void* arg);
 
-    // One pass of the dispatcher, each way (called only by circleDealThread).
-    void sendFrameToSerial();
-    void sendPacketToTun();
-    // Called by a reader thread after it stored bytes in a ring: ends the dispatcher's pass sleep
-    // early so the bytes move on at once instead of up to a pass later.
-    void wakeDispatcher();
+    // One pass of the dispatcher, each way (called only by circleDealThread). Each returns whether
+    // its ring may hold more that the next pass can take without new bytes.
+    bool sendFrameToSerial();
+    bool sendPacketToTun();
 
     int32_t tunDescriptor() const { return tunFd; }
     const uint8_t* hardwareAddress() const { return macAddr; }
@@ -71,8 +69,5 @@ class SerialToEth {
     uint8_t serialRxBuf[4096];
     uint8_t tunTxBuf[8192];
     uint8_t serialTxBuf[8192];
-    // Dispatcher wake-up: a counter the readers bump (and the dispatcher sleeps on as a futex)
-    // and a flag saying the dispatcher may be asleep, so readers skip the wake call otherwise.
-    std::atomic<uint32_t> passWake{0};
-    std::atomic<uint32_t> dispatcherWaiting{0};
+    DispatcherWake dispatcherWake;
 };

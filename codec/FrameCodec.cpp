@@ -2,6 +2,8 @@
 // cuts frames out of a ring, and the unstuffing decoder. Pure code: no system calls, no allocation.
 #include "FrameCodec.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "RingSpan.h"
@@ -86,10 +88,13 @@ int32_t buildFrame(const uint8_t* packet, int32_t length, uint8_t* dst) {
     return kFrameOverhead + body;
 }
 
-// Applies the unstuffing rules from src until four header bytes are emitted or a 0x7E is met.
-// Returns the position after the last byte read (the flag's own position if one stopped it) and
-// the number of header bytes emitted.
+// Applies the unstuffing rules from src until four header bytes are emitted. 0x7E bytes met before
+// any other byte are skipped and not counted (a doubled start flag); a 0x7E met after another byte
+// ends the scan, since without a length it may be the frame's end flag and nothing past it may be
+// read. Returns the position after the last byte read (the flag's own position if one stopped it)
+// and the number of header bytes emitted.
 const uint8_t* unstuffHeader(const uint8_t* src, uint8_t* header, int32_t* emitted) {
+    while (*src == kFrameFlag) ++src;
     int32_t n = 0;
     bool escaped = false;
     while (n < kFrameHeaderLength) {
@@ -153,15 +158,28 @@ int32_t decodeFrame(const uint8_t* frame, const uint8_t* flagAt, uint8_t* packet
     return n < kFrameMinPayload ? 0 : n;
 }
 
+// Records what a take did. The daemon's takes pass nullptr, whose overload is empty, so their
+// instance of the search is compiled without any of this.
+inline void note(std::nullptr_t, TakeOutcome, uint32_t, uint32_t) {}
+inline void note(TakeReport* report, TakeOutcome outcome, uint32_t skipped, uint32_t span) {
+    report->outcome = outcome;
+    report->skipped = skipped;
+    report->span = span;
+    report->payload = 0;
+}
+
 // The frame search shared by both take operations. On success the frame's d + 1 bytes are
-// copied to dst and zeroed in the ring, and readIndex is moved to its end flag.
-int32_t cutFrame(ByteRing* ring, uint8_t* dst, uint16_t limit) {
+// copied to dst and zeroed in the ring, and readIndex is moved to its end flag. Report is
+// TakeReport* or std::nullptr_t.
+template <typename Report>
+int32_t cutFrame(ByteRing* ring, uint8_t* dst, uint16_t limit, Report report) {
     // Own index, written only by this consumer thread: relaxed.
     const uint32_t r = ring->readIndex.load(std::memory_order_relaxed);
     // Acquire: the producer's stores of the bytes up to w happen before we read them.
     const uint32_t w = ring->writeIndex.load(std::memory_order_acquire);
     const uint32_t mask = ring->mask;
     const uint8_t* const bytes = ring->storage;
+    note(report, TakeOutcome::kNone, 0, 0);
     if (((w - r) & mask) < kFrameMinStored) return -1;
 
     // A start flag is a 7E followed by something else; the last two stored bytes are not searched
@@ -182,6 +200,7 @@ int32_t cutFrame(ByteRing* ring, uint8_t* dst, uint16_t limit) {
     if (start < 0) {
         // Release: our reads of the skipped bytes are done before the producer may reuse them.
         ring->readIndex.store(t, std::memory_order_release);
+        note(report, TakeOutcome::kNoise, (t - r) & mask, 0);
         return -1;
     }
 
@@ -192,6 +211,7 @@ int32_t cutFrame(ByteRing* ring, uint8_t* dst, uint16_t limit) {
         if (((w - s) & mask) >= kFrameMaxRun) {
             // Release: as above; the whole unterminated run is dropped.
             ring->readIndex.store(w, std::memory_order_release);
+            note(report, TakeOutcome::kUnterminated, (s - r) & mask, (w - s) & mask);
         }
         return -1;
     }
@@ -201,12 +221,18 @@ int32_t cutFrame(ByteRing* ring, uint8_t* dst, uint16_t limit) {
     if (d < kFrameMinDistance || d > kFrameMaxDistance || d + 1 > limit) {
         // Release: as above; the end flag stays and may open the next frame.
         ring->readIndex.store(e, std::memory_order_release);
+        note(report,
+             d < kFrameMinDistance   ? TakeOutcome::kTooShort
+             : d > kFrameMaxDistance ? TakeOutcome::kTooLong
+                                     : TakeOutcome::kOverLimit,
+             (s - r) & mask, d + 1);
         return -1;
     }
     ringSpanLoad(ring, s, dst, d + 1);
     ringSpanZero(ring, s, d + 1);
     // Release: the frame is copied out and zeroed before the producer may reuse its slots.
     ring->readIndex.store(e, std::memory_order_release);
+    note(report, TakeOutcome::kDelivered, (s - r) & mask, d + 1);
     return static_cast<int32_t>(d + 1);
 }
 
@@ -247,16 +273,42 @@ int32_t frameEncode(uint8_t* packet, uint8_t* frame, int32_t length) {
 
 int32_t ringTakeFrame(ByteRing* ring, uint8_t* frame, uint16_t limit) {
     if (frame == nullptr || limit == 0) return -1;
-    return cutFrame(ring, frame, limit);
+    return cutFrame(ring, frame, limit, nullptr);
 }
 
 int32_t ringTakePacket(ByteRing* ring, uint8_t* packet, uint16_t limit) {
     if (packet == nullptr || limit == 0) return -1;
     uint8_t area[kFrameTakeArea];
-    const int32_t length = cutFrame(ring, area, limit);
+    const int32_t length = cutFrame(ring, area, limit, nullptr);
     if (length < 0) return -1;
     // The cut frame holds 0x7E only at its two ends, so the decoder may scan up to the end flag.
     return decodeFrame(area, area + length - 1, packet);
+}
+
+int32_t ringTakePacketReport(ByteRing* ring, uint8_t* packet, uint16_t limit, TakeReport* report) {
+    note(report, TakeOutcome::kNone, 0, 0);
+    if (packet == nullptr || limit == 0) return -1;
+    uint8_t area[kFrameTakeArea];
+    const int32_t length = cutFrame(ring, area, limit, report);
+    if (length < 0) return -1;
+    const int32_t n = decodeFrame(area, area + length - 1, packet);
+    if (n > 0) {
+        report->payload = n;
+        return n;
+    }
+    // Dropped: tell how short the payload was. Every payload byte but an escape byte emits one
+    // byte, so counting them gives the unstuffed length without a second unstuffing pass (whose
+    // code here would cost the daemon's decoder its inlining).
+    report->outcome = TakeOutcome::kShortPayload;
+    uint8_t header[kFrameHeaderLength];
+    int32_t headerBytes = 0;
+    const uint8_t* body = unstuffHeader(area + 1, header, &headerBytes);
+    const uint8_t* const end = area + length - 1;
+    report->payload = headerBytes < kFrameHeaderLength
+                          ? -1
+                          : static_cast<int32_t>(std::count_if(
+                                body, end, [](uint8_t b) { return b != kFrameEscape; }));
+    return 0;
 }
 
 int32_t frameDecode(const uint8_t* frame, uint8_t* packet) {
@@ -265,7 +317,6 @@ int32_t frameDecode(const uint8_t* frame, uint8_t* packet) {
 }
 
 const uint8_t* frameSkipHeader(const uint8_t* input, uint8_t* header) {
-    if (*input == kFrameFlag) ++input;
     int32_t emitted = 0;
     const uint8_t* after = unstuffHeader(input, header, &emitted);
     for (int32_t i = emitted; i < kFrameHeaderLength; ++i) header[i] = 0;

@@ -37,13 +37,40 @@ int32_t ringTakeFrame(ByteRing* ring, uint8_t* frame, uint16_t limit);
 // 0 when a frame was consumed but its payload was too short, -1 when no frame was taken.
 int32_t ringTakePacket(ByteRing* ring, uint8_t* packet, uint16_t limit);
 
-// Decodes one flat frame: its start flag and, after it, its end flag (two bytes at least). Returns
-// the payload length (12 or more), or 0 for a missing start flag, a header cut short by a flag, an
-// empty payload or one of 11 bytes or fewer. Never reads past the first 0x7E after frame[0].
+// What one take from a ring of serial bytes did, so that a tool can show why bytes were dropped:
+// filled by ringTakePacketReport, which shares the frame search and decoder with ringTakePacket.
+enum class TakeOutcome : uint8_t {
+    kNone,          // nothing consumed: under 10 bytes stored, or a frame waits for its end flag
+    kNoise,         // no start flag: all but the last two stored bytes dropped
+    kUnterminated,  // the run from the start flag reached 3048 bytes: everything stored dropped
+    kTooShort,      // d below 10: dropped up to its end flag, which stays
+    kTooLong,       // d above 3046: likewise
+    kOverLimit,     // d + 1 above the caller's limit: likewise
+    kShortPayload,  // frame consumed, payload of 11 bytes or fewer: result 0
+    kDelivered,     // frame consumed and decoded: result is the payload length
+};
+
+struct TakeReport {
+    TakeOutcome outcome;
+    uint32_t skipped;  // bytes dropped before the start flag (for kNoise, all the bytes dropped)
+    uint32_t span;     // from the start flag: d + 1 (end flag included) or the unterminated run
+    int32_t payload;   // kShortPayload, kDelivered: unstuffed payload length, -1 for a header cut
+                       // short by escape bytes
+};
+
+// ringTakePacket that also says what it did; report must not be null. Not for the daemon's path.
+int32_t ringTakePacketReport(ByteRing* ring, uint8_t* packet, uint16_t limit, TakeReport* report);
+
+// Flat frames have no length: the header scan skips the 0x7E bytes that lead the frame (its start
+// flag, doubled or not), and the first 0x7E after any other byte ends the frame. So the input must
+// hold, after its leading flags, a byte other than 0x7E and, after that, a 0x7E; nothing past that
+// 0x7E is read.
+
+// Decodes one flat frame. Returns the payload length (12 or more), or 0 for a missing start flag,
+// a header cut short by the end flag, an empty payload or one of 11 bytes or fewer.
 int32_t frameDecode(const uint8_t* frame, uint8_t* packet);
 
-// Unstuffs four header bytes into header, skipping one leading start flag; returns the position
-// just after the last byte read. A later 0x7E ends the scan: the position of that flag is
-// returned and the header bytes not reached are set to 0. Like frameDecode, the input must hold a
-// 0x7E after its first byte.
+// Unstuffs four header bytes into header and returns the position just after the last byte read.
+// When the end flag comes first, its position is returned and the header bytes not reached are
+// set to 0.
 const uint8_t* frameSkipHeader(const uint8_t* input, uint8_t* header);

@@ -1,6 +1,7 @@
 // libFuzzer target: arbitrary bytes in arbitrary chunks through ringPutBytes, taken out again by
-// ringTakeFrame and ringTakePacket on twin rings; checks the ring invariants, the result bounds and
-// that the two take operations cut the same frames.
+// ringTakeFrame, ringTakePacket and ringTakePacketReport on triplet rings; checks the ring
+// invariants, every result, frame, payload and readIndex against a model of the frame search, the
+// bounds and the unstuffing, and that the report accounts for every byte the take consumed.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -40,36 +41,117 @@ void checkRing(const ByteRing& ring) {
     check(ringUsed(&ring) + ringFreeSpace(&ring) == ring.size - 1);
 }
 
-void put(ByteRing* a, ByteRing* b, const uint8_t* data, uint16_t n) {
+void put(ByteRing* a, ByteRing* b, ByteRing* c, const uint8_t* data, uint16_t n) {
     const uint32_t before = a->writeIndex.load();
     const uint32_t freeSpace = ringFreeSpace(a);
     const int32_t ra = ringPutBytes(a, data, n);
     check(ra == ringPutBytes(b, data, n));
+    check(ra == ringPutBytes(c, data, n));
     check(ra == ((data != nullptr && n > 0 && n <= freeSpace) ? 0 : -1));
     if (ra != 0) check(a->writeIndex.load() == before);
 }
 
-// Takes from both rings with the same limit; outputs are exactly limit bytes long, so a write
-// past the limit is an address-sanitizer report.
-void take(ByteRing* frames, ByteRing* packets, uint16_t limit) {
-    if (limit == 0) limit = 1;
-    std::vector<uint8_t> frame(limit), packet(limit);
-    const uint32_t usedBefore = ringUsed(frames);
-    const int32_t nf = ringTakeFrame(frames, frame.data(), limit);
-    const int32_t np = ringTakePacket(packets, packet.data(), limit);
-    check(frames->readIndex.load() == packets->readIndex.load());
-    check(ringUsed(frames) <= usedBefore);
+// The cut as the frame format defines it, worked out on a copy of the stored bytes: the result,
+// where readIndex must end up, and the frame.
+struct Cut {
+    int32_t result;
+    uint32_t readIndex;
+    std::vector<uint8_t> frame;
+};
+
+Cut modelCut(const ByteRing& ring, uint16_t limit) {
+    const uint32_t m = ring.mask, r = ring.readIndex.load(), w = ring.writeIndex.load();
+    auto at = [&](uint32_t p) { return ring.storage[p & m]; };
+    if (limit == 0 || ((w - r) & m) < 10) return {-1, r, {}};
+    uint32_t s = r;
+    while (s != ((w - 2) & m) && !(at(s) == kFrameFlag && at(s + 1) != kFrameFlag)) s = (s + 1) & m;
+    if (s == ((w - 2) & m)) return {-1, s, {}};
+    uint32_t e = (s + 2) & m;
+    while (e != w && at(e) != kFrameFlag) e = (e + 1) & m;
+    if (e == w) return {-1, ((w - s) & m) >= 3048 ? w : r, {}};
+    const uint32_t d = (e - s) & m;
+    if (d < 10 || d > 3046 || d + 1 > limit) return {-1, e, {}};
+    Cut cut{int32_t(d + 1), e, {}};
+    for (uint32_t i = 0; i <= d; ++i) cut.frame.push_back(at(s + i));
+    return cut;
+}
+
+// Payload of a cut frame (one flag at each end, none between): unstuffed, header dropped, and
+// empty when fewer than 12 bytes remain.
+std::vector<uint8_t> modelPayload(const std::vector<uint8_t>& frame) {
+    std::vector<uint8_t> out;
+    bool escaped = false;
+    for (size_t i = 1; i + 1 < frame.size(); ++i) {
+        const uint8_t b = frame[i];
+        if (b == kFrameEscape) {
+            escaped = true;
+            continue;
+        }
+        out.push_back(escaped && b == 0x5D ? 0x5E : escaped && b == 0x7D ? 0x7E : b);
+        escaped = false;
+    }
+    if (out.size() < 4 + size_t(kFrameMinPayload)) return {};
+    return std::vector<uint8_t>(out.begin() + 4, out.end());
+}
+
+// The report names what the take consumed: noise before the start flag, then the run or the frame
+// (whose end flag stays in the ring).
+void checkReport(const TakeReport& rep, int32_t np, uint32_t consumed) {
+    switch (rep.outcome) {
+        case TakeOutcome::kNone:
+            check(consumed == 0 && np == -1);
+            return;
+        case TakeOutcome::kNoise:
+            check(consumed == rep.skipped && consumed > 0 && np == -1);
+            return;
+        case TakeOutcome::kUnterminated:
+            check(consumed == rep.skipped + rep.span && rep.span >= kFrameMaxRun && np == -1);
+            return;
+        case TakeOutcome::kTooShort:
+        case TakeOutcome::kTooLong:
+        case TakeOutcome::kOverLimit:
+            check(np == -1 &&
+                  (rep.outcome != TakeOutcome::kTooShort || rep.span <= kFrameMinDistance));
+            check(rep.outcome != TakeOutcome::kTooLong || rep.span > kFrameMaxDistance + 1);
+            break;
+        case TakeOutcome::kShortPayload:
+            check(np == 0 && rep.payload >= -1 && rep.payload < kFrameMinPayload);
+            break;
+        case TakeOutcome::kDelivered:
+            check(np == rep.payload && np >= kFrameMinPayload);
+            break;
+    }
+    check(consumed == rep.skipped + rep.span - 1);
+}
+
+// Takes from all three rings with the same limit, checked against the model; outputs are exactly
+// limit bytes long, so a write past the limit is an address-sanitizer report. Limit 0 and a null
+// output must take nothing.
+void take(ByteRing* frames, ByteRing* packets, ByteRing* reported, uint16_t limit,
+          bool nullOutput) {
+    std::vector<uint8_t> frame(limit), packet(limit), again(limit);
+    const uint32_t readBefore = frames->readIndex.load();
+    const Cut want = nullOutput ? Cut{-1, frames->readIndex.load(), {}} : modelCut(*frames, limit);
+    const int32_t nf = ringTakeFrame(frames, nullOutput ? nullptr : frame.data(), limit);
+    const int32_t np = ringTakePacket(packets, nullOutput ? nullptr : packet.data(), limit);
+    TakeReport rep{};
+    check(ringTakePacketReport(reported, nullOutput ? nullptr : again.data(), limit, &rep) == np);
+    check(nf == want.result && frames->readIndex.load() == want.readIndex);
+    check(packets->readIndex.load() == want.readIndex);
+    check(reported->readIndex.load() == want.readIndex);
+    checkReport(rep, np, (want.readIndex - readBefore) & frames->mask);
+    if (np > 0) check(std::memcmp(again.data(), packet.data(), size_t(np)) == 0);
     if (nf < 0) {
-        check(nf == -1 && np == -1);
+        check(np == -1);
         return;
     }
-    check(nf >= 11 && nf <= 3047 && nf <= limit);
-    check(frame[0] == kFrameFlag && frame[1] != kFrameFlag && frame[size_t(nf) - 1] == kFrameFlag);
-    check(std::memchr(frame.data() + 1, kFrameFlag, size_t(nf) - 2) == nullptr);
+    check(std::equal(want.frame.begin(), want.frame.end(), frame.begin()));
     // The cut frame is zeroed in the ring and readIndex rests on its old end flag.
     const uint32_t e = frames->readIndex.load();
     for (uint32_t i = 0; i < uint32_t(nf); ++i) check(frames->storage[(e - i) & frames->mask] == 0);
-    check(np == 0 || (np >= kFrameMinPayload && np <= nf - 6));
+    const std::vector<uint8_t> payload = modelPayload(want.frame);
+    check(np == int32_t(payload.size()) &&
+          std::equal(payload.begin(), payload.end(), packet.begin()));
     std::vector<uint8_t> decoded(static_cast<size_t>(nf));
     check(frameDecode(frame.data(), decoded.data()) == np);
     check(std::memcmp(decoded.data(), packet.data(), size_t(np)) == 0);
@@ -81,38 +163,46 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in(data, size);
     const uint8_t config = in.byte();
     const int32_t ringSize = (config & 1) ? 1024 : 16384;
-    ByteRing frames, packets;
+    ByteRing frames, packets, reported;
     ringCreate(&frames, ringSize);
     ringCreate(&packets, ringSize);
+    ringCreate(&reported, ringSize);
     // Start anywhere in storage so that wrap-around is reached with short inputs.
     const uint32_t at = uint32_t(config >> 1) * 97u & frames.mask;
     frames.writeIndex.store(at), frames.readIndex.store(at);
     packets.writeIndex.store(at), packets.readIndex.store(at);
+    reported.writeIndex.store(at), reported.readIndex.store(at);
     std::vector<uint8_t> scratch(65536);
     while (!in.empty()) {
         const uint8_t op = in.byte();
         if ((op & 3) == 0) {  // a chunk of the input as it is
             size_t n = size_t(op >> 2) + 1;
             const uint8_t* chunk = in.take(&n);
-            put(&frames, &packets, chunk, uint16_t(n));
+            put(&frames, &packets, &reported, chunk, uint16_t(n));
         } else if ((op & 3) == 1) {  // a long run of one value, to reach the run bounds
             const uint16_t n = in.word() & 0x1FFF;
             std::memset(scratch.data(), in.byte(), n);
-            put(&frames, &packets, scratch.data(), n);
+            put(&frames, &packets, &reported, scratch.data(), n);
         } else if ((op & 3) == 2) {
-            take(&frames, &packets, in.word());
+            // Mostly the bridge's limits, else any limit up to 4095 (0 included); now and then a
+            // null output buffer.
+            const uint8_t how = in.byte();
+            const uint16_t limit = (how & 3) == 0 ? (in.word() & 0xFFF) : (how & 1) ? 8192 : 8172;
+            take(&frames, &packets, &reported, limit, (how & 0xF0) == 0xF0);
         } else {  // a well-formed frame around a piece of the input
             size_t n = size_t(op >> 2) * 8;
             const uint8_t* src = in.take(&n);
             std::vector<uint8_t> packet(src, src + n);
             packet.resize(std::max<size_t>(n, 64));
             const int32_t len = frameEncode(packet.data(), scratch.data(), int32_t(n));
-            put(&frames, &packets, scratch.data(), uint16_t(len));
+            put(&frames, &packets, &reported, scratch.data(), uint16_t(len));
         }
         checkRing(frames);
         checkRing(packets);
+        checkRing(reported);
     }
     ringDestroy(&frames);
     ringDestroy(&packets);
+    ringDestroy(&reported);
     return 0;
 }

@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
-# End-to-end benchmark: two bridges over the emulated 57600 bytes/s line. Reports bulk TCP goodput
-# (bytes/s and share of the line), ping round trips against the time their bytes need on the line,
-# and each daemon's CPU time per second, idle and under load.
+# End-to-end benchmark: two bridges over the emulated 57600 bytes/s line. Reports each daemon's CPU
+# time while idle and during a bulk TCP transfer, the transfer's goodput as a share of the line,
+# ping round trips against the time their bytes need on the line, and whether a full-size frame
+# made only of special bytes (twice its size once stuffed) is carried whole; then all of it in one
+# table, every figure from this one run.
 # Usage (as root, from a build tree): bench/e2e_bench.sh [BUILD_DIR] [BYTES]
 #   BUILD_DIR defaults to build/default; BYTES (TCP transfer) to 1000000.
+#   S2E_BENCH_UART: how the receiving UART hands bytes to its driver, as line_emu options. The
+#   default is the board's UART driver (interrupt at 56 bytes in the receive FIFO, or after 40 bit
+#   times of quiet line); "--rx-fifo 1" hands over every byte at once, about 10,000 chunks a second.
 # Runs itself through tools/nsrun, so everything it makes vanishes with its namespaces.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -44,8 +49,10 @@ line_bytes() {
 
 # The emulated line by itself first (its own relay, no bridges): the part of a round trip that
 # the relay and the terminals add on top of the bit times, so the bridges' own share shows.
+uart=${S2E_BENCH_UART:---rx-fifo 56 --rx-timeout 4}
 declare -A probe_over=()
-"${H_RUN[@]}" "$S2E_TOOLS_DIR/line_emu" --info "$H_DIR/probe.info" 2>/dev/null &
+# shellcheck disable=SC2086 # options, split on purpose
+"${H_RUN[@]}" "$S2E_TOOLS_DIR/line_emu" --info "$H_DIR/probe.info" $uart 2>/dev/null &
 probe_pid=$!
 for i in $(seq 50); do [ -s "$H_DIR/probe.info" ] && break; sleep 0.1; done
 pa_path=$(awk '$1=="a"{print $2}' "$H_DIR/probe.info")
@@ -58,17 +65,20 @@ done
 kill -TERM "$probe_pid"
 wait "$probe_pid" 2>/dev/null || true
 
-h_pair
+# shellcheck disable=SC2086 # options, split on purpose
+h_pair $uart
 h_exec a ping -c 3 -i 0.2 -q 10.99.0.2 >/dev/null
 
-echo "SerialToEth end-to-end benchmark: line $line_rate bytes/s each way (576000 baud 8N1)"
+echo "SerialToEth end-to-end benchmark: line $line_rate bytes/s each way (576000 baud 8N1), receiving UART: $uart"
 pa=$(h_pid a) pb=$(h_pid b)
 
+idle_s=10
 t0=$(now_ns) a0=$(cpu_ns "$pa") b0=$(cpu_ns "$pb")
-sleep 5
+sleep "$idle_s"
 t1=$(now_ns) a1=$(cpu_ns "$pa") b1=$(cpu_ns "$pb")
-awk -v a=$((a1 - a0)) -v b=$((b1 - b0)) -v t=$((t1 - t0)) \
-    'BEGIN{printf "idle CPU:        a %.1f ms/s, b %.1f ms/s\n", a/t*1000, b/t*1000}'
+idle_a=$((a1 - a0)) idle_b=$((b1 - b0))
+awk -v a=$idle_a -v b=$idle_b -v t=$((t1 - t0)) \
+    'BEGIN{printf "idle CPU over %.1f s: a %.3f s, b %.3f s\n", t/1e9, a/1e9, b/1e9}'
 
 for size in 56 1000; do
     frame=$((size + 8 + 20 + 14))
@@ -77,6 +87,7 @@ for size in 56 1000; do
     loss=$(echo "$out" | grep -o '[0-9.]*% packet loss')
     rtt=$(echo "$out" | sed -n 's/.*= \([0-9.]*\)\/\([0-9.]*\)\/\([0-9.]*\)\/.*/\1 \2 \3/p')
     read -r mn av mx <<<"$rtt"
+    [ "$size" = 56 ] && ping_min=$mn
     awk -v s="$size" -v f="$frame" -v lb="$lb" -v r=$line_rate -v mn="$mn" -v av="$av" -v mx="$mx" \
         -v loss="$loss" -v po="${probe_over[$size]}" 'BEGIN{ line = 2*lb/r*1000; emu = 2*po/1000;
         printf "ping -s %-4d (%d-byte frames, %d bytes on the line each way): line time %.3f ms, " \
@@ -86,10 +97,34 @@ for size in 56 1000; do
                "the two bridges %+.3f ms\n", emu, av - line - emu }'
 done
 
+# A 1514-byte frame of only 0x7E and one of only 0x5E, 3034 bytes each on the line: close to the
+# longest run the extractor waits for, and in both directions of every stuffing rule.
+special=$(h_exec b python3 -c '
+import select, socket, time
+s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+s.bind(("uart2eth0", 0))
+want = {b"\x7e" * 1514: "0x7E", b"\x5e" * 1514: "0x5E"}
+got, end = set(), time.time() + 5
+while len(got) < len(want) and time.time() < end:
+    if select.select([s], [], [], 0.2)[0]:
+        data, addr = s.recvfrom(9000)
+        if addr[2] != socket.PACKET_OUTGOING and data in want: got.add(want[data])
+print(" and ".join(sorted(got)) or "none")' &
+    sleep 0.5
+    h_exec a python3 -c '
+import socket
+s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+s.bind(("uart2eth0", 0))
+s.send(b"\x7e" * 1514)
+s.send(b"\x5e" * 1514)'
+    wait)
+echo "1514-byte frames of one special byte carried whole: $special"
+
 port=5201
 h_exec b "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" recv $port 300 >"$H_DIR/recv.txt" &
 rpid=$!
 sleep 0.3
+h_exec a nstat -n
 t0=$(now_ns) a0=$(cpu_ns "$pa") b0=$(cpu_ns "$pb")
 h_exec a "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" 300 >"$H_DIR/send.txt"
 wait $rpid
@@ -102,8 +137,31 @@ awk -v r="$rate" -v s="$srate" -v n="$bytes" -v lr=$line_rate -v ck="$same" -v m
     'BEGIN{printf "TCP bulk a->b, %d bytes, MTU %s: goodput %.0f bytes/s = %.1f%% of %d " \
            "(whole connection incl. set-up and close: %.0f bytes/s = %.1f%%), checksum %s\n",
            n, mtu, r, 100*r/lr, lr, s, 100*s/lr, ck}'
-awk -v a=$((a1 - a0)) -v b=$((b1 - b0)) -v t=$((t1 - t0)) \
-    'BEGIN{printf "load CPU:        a (sender) %.1f ms/s, b (receiver) %.1f ms/s\n", a/t*1000, b/t*1000}'
+load_a=$((a1 - a0)) load_b=$((b1 - b0)) load_t=$((t1 - t0))
+awk -v a=$load_a -v b=$load_b -v t=$load_t \
+    'BEGIN{printf "transfer CPU over %.1f s: a (sender) %.3f s, b (receiver) %.3f s\n", t/1e9, a/1e9, b/1e9}'
 grep -h "ERR" "$(h_out a)" "$(h_out b)" | sort | uniq -c | sed 's/^/daemon log: /' || true
+# Retransmissions and bytes lost on the line explain a goodput below the framing's ceiling.
+retrans=$(h_exec a nstat | awk '/RetransSegs|TCPTimeouts/{printf "%s %s ", $1, $2}')
+echo "TCP on a during the transfer: ${retrans:-no retransmissions, no time-outs}"
 h_line_cmd stats
 sleep 0.2
+sed -n 's/^line_emu \(..\): carried \([0-9]*\).*overrun \([0-9]*\).*/line \1 over the whole run: carried \2 bytes, lost to overrun \3/p' \
+    "$H_DIR/line.err" | tail -n 2
+
+echo
+awk -v ia=$idle_a -v ib=$idle_b -v is=$idle_s -v la=$load_a -v lb=$load_b -v lt=$load_t \
+    -v n="$bytes" -v r="$rate" -v lr=$line_rate -v pm="$ping_min" -v sp="$special" -v ck="$same" \
+    'BEGIN{
+    f = "| %-47s | %14s | %14s |\n"
+    printf f, "per daemon, this run", "a (sender)", "b (receiver)"
+    printf "|%s|%s|%s|\n", "-------------------------------------------------", \
+           "---------------:", "---------------:"
+    printf f, sprintf("CPU idle, %d s", is), sprintf("%.3f s", ia/1e9), sprintf("%.3f s", ib/1e9)
+    printf f, sprintf("CPU during the %d-byte transfer (%.1f s)", n, lt/1e9),
+           sprintf("%.3f s", la/1e9), sprintf("%.3f s", lb/1e9)
+    g = sprintf("%.3f", r/lr)
+    printf f, sprintf("goodput a->b, fraction of %d B/s (checksum %s)", lr, ck), g, g
+    printf f, "ping -s 56 a->b, round trip minimum", pm " ms", pm " ms"
+    printf f, "1514-byte frames of only 0x7E, only 0x5E", "", sp == "0x5E and 0x7E" ? "both whole" : "LOST: " sp
+    }'

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # End-to-end harness: runs SerialToEth daemons in fresh namespaces over the emulated serial line.
 # Source it from a test (functions below) or run it: e2e-harness.sh demo [BYTES] | shell
+# The demo leaves a capture of the line in $S2E_DEMO_PCAP (default: a new file in /tmp).
 #
 # Functions (state lives in $H_DIR, removed by h_teardown, which h_init arms on EXIT):
 #   h_init                          make the state directory, arm the teardown
@@ -194,8 +195,9 @@ if [ "${BASH_SOURCE[0]}" = "$0" ]; then
     case ${1:-} in
         demo)
             bytes=${2:-500000}
+            pcap=${S2E_DEMO_PCAP:-$(mktemp --suffix=.pcapng /tmp/serialtoeth-line.XXXXXX)}
             h_init
-            h_pair
+            h_pair --pcap "$pcap" --summary
             echo "== bridge a started in its own namespaces; its output:"
             sed 's/^/   /' "$(h_out a)"
             echo "== a: uart2eth0 10.99.0.1/24, b: uart2eth0 10.99.0.2/24, joined by a line of" \
@@ -223,6 +225,25 @@ if [ "${BASH_SOURCE[0]}" = "$0" ]; then
             pct=$(awk -v r="$rate" 'BEGIN{printf "%.1f", 100*r/57600}')
             echo "goodput $rate bytes/s = $pct% of the line's 57600 bytes/s" \
                  "(framing allows about 94.5%)"
+            echo "== noise: bursts of garbage and bit errors on the line while a pings b"
+            h_line_cmd "ber 3e-4"
+            for i in 1 2 3; do
+                h_line_cmd "garbage 400"
+                h_exec a ping -c 3 -i 0.2 -W 1 10.99.0.2 >/dev/null 2>&1 || true
+            done
+            h_line_cmd "clear"
+            sleep 1.2
+            echo "what the receiving bridges saw, per second (line_emu --summary):"
+            grep '^[0-9]' "$H_DIR/line.err" | tail -n 6 | sed 's/^/   /'
+            # The packet list with the interface and the comment (the drop reason) as columns.
+            cols='"No.","%m","Time","%t","Interface","%Cus:frame.interface_name","Length","%L",'
+            cols+='"Info","%i","Comment","%Cus:frame.comment"'
+            echo "== the end of the noisy spell in the line's capture: pings, and drops with reasons"
+            tshark -r "$pcap" -o "gui.column.format:$cols" -Y 'icmp || frame.comment' 2>/dev/null |
+                tail -n 12 | sed 's/^/   /' || true
+            echo "== capture file: $pcap"
+            echo "   tshark -r $pcap -o 'gui.column.format:$cols'"
+            echo "   wireshark $pcap"
             ;;
         shell)
             h_init

@@ -2,7 +2,8 @@
 // (57600 bytes per second each way) and injects bit errors, dropped bytes and garbage on demand.
 //
 // Usage: line_emu [--info FILE] [--control FIFO] [--rate BYTES_PER_S] [--ber P] [--drop P]
-//                 [--tick USEC] [--queue BYTES] [--seed N]
+//                 [--tick USEC] [--queue BYTES] [--rx-fifo N] [--rx-timeout CHARS] [--seed N]
+//                 [--pcap FILE] [--summary]
 //   --info FILE     written once both terminals exist: "a <slave path>\nb <slave path>\n"
 //                   (written to FILE.tmp, then renamed, so a reader never sees half of it)
 //   --control FIFO  a FIFO (made if missing) that takes one command per line:
@@ -17,6 +18,16 @@
 //                   are handed to the far side no later than this after their last bit time
 //   --queue         bytes the relay takes from a side ahead of the line, like a UART transmit
 //                   FIFO (default 4096); the rest waits in the pseudo-terminal
+//   --rx-fifo N     the receiving UART hands bytes to its driver N at a time, as a receive FIFO
+//                   with an interrupt trigger level does (default 1: every byte at once); bytes
+//                   short of N are handed over once the line has been quiet for
+//   --rx-timeout C  character times (default 4). The board's UART driver uses a trigger level of
+//                   56 and a time-out of 40 bit times: --rx-fifo 56 --rx-timeout 4.
+//   --pcap FILE     write what each side receives, as its daemon sees it, to a pcapng file:
+//                   interfaces "a->b" and "b->a" carry the packets the receiving daemon delivers,
+//                   "a->b dropped" and "b->a dropped" the bytes it drops, with the reason
+//   --summary       print one line per second on standard error: per direction, frames
+//                   delivered and dropped by reason, bytes of noise
 // SIGTERM or SIGINT ends it; the counters are printed on standard error at the end.
 #include <fcntl.h>
 #include <poll.h>
@@ -34,7 +45,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+
+#include "LineTap.h"
+#include "PcapngCapture.h"
 
 namespace {
 
@@ -43,10 +58,13 @@ void onStop(int) {
     stopRequested = 1;
 }
 
-int64_t nowNs() {
+int64_t clockNs(clockid_t clock) {
     timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    clock_gettime(clock, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+int64_t nowNs() {
+    return clockNs(CLOCK_MONOTONIC);
 }
 
 uint64_t rngState = 0x9E3779B97F4A7C15ull;
@@ -69,7 +87,12 @@ struct Direction {
     size_t capacity = 0, head = 0, count = 0;
     int64_t nextDone = 0;  // when the byte at the head has its last bit on the line
     double ber = 0, drop = 0;
+    // Bytes off the line, waiting in the receiving UART's FIFO for its trigger level or time-out.
+    uint8_t fifo[4096];
+    size_t pending = 0;
+    int64_t lastDone = 0;  // when the newest byte in the FIFO had its last bit on the line
     uint64_t carried = 0, flipped = 0, dropped = 0, garbage = 0, overrun = 0;
+    LineTap* tap = nullptr;  // sees what the receiving side gets, when capturing
 
     size_t room() const { return capacity - count; }
     void push(const uint8_t* data, size_t n, int64_t now, int64_t byteNs) {
@@ -101,24 +124,32 @@ void applyFaults(Direction& d, uint8_t* out, size_t& n) {
     n = kept;
 }
 
-// Hands every byte whose last bit time has passed to the far side.
-void deliver(Direction& d, int64_t now, int64_t byteNs) {
-    uint8_t out[4096];
-    while (d.count > 0 && d.nextDone <= now) {
-        size_t n = 0;
-        while (d.count > 0 && d.nextDone <= now && n < sizeof out) {
-            out[n++] = d.queue[d.head];
+// Moves every byte whose last bit time has passed into the receiving UART's FIFO, and hands the
+// FIFO to the far side when it reaches its trigger level or the line has been quiet long enough.
+void deliver(Direction& d, int64_t now, int64_t byteNs, size_t trigger, int64_t quietNs) {
+    for (;;) {
+        while (d.count > 0 && d.nextDone <= now && d.pending < sizeof d.fifo) {
+            size_t n = 1;
+            uint8_t b = d.queue[d.head];
             d.head = (d.head + 1) % d.capacity;
             --d.count;
+            d.lastDone = d.nextDone;
             d.nextDone += byteNs;
+            ++d.carried;
+            applyFaults(d, &b, n);
+            if (n == 1) d.fifo[d.pending++] = b;
         }
-        d.carried += n;
-        applyFaults(d, out, n);
-        if (n == 0) continue;
-        ssize_t w = write(d.to, out, n);
+        const bool quiet = now >= d.lastDone + quietNs;
+        if (d.pending == 0 || (d.pending < trigger && !quiet && d.pending < sizeof d.fifo)) return;
+        ssize_t w = write(d.to, d.fifo, d.pending);
         // A receiver that does not keep up loses bytes, as a UART without flow control would.
         if (w < 0) w = 0;
-        d.overrun += n - static_cast<size_t>(w);
+        d.overrun += d.pending - static_cast<size_t>(w);
+        // Stamped with the time the receiver can read them, as its daemon would.
+        if (d.tap != nullptr && w > 0) {
+            d.tap->feed(d.fifo, static_cast<size_t>(w), clockNs(CLOCK_REALTIME));
+        }
+        d.pending = 0;
     }
 }
 
@@ -195,8 +226,11 @@ int openSide(std::string& slavePath, int& slaveFd) {
 int main(int argc, char** argv) {
     const char* infoPath = nullptr;
     const char* controlPath = nullptr;
+    const char* pcapPath = nullptr;
+    bool summary = false;
     double rate = 57600, ber = 0, drop = 0;
-    long tickUs = 100, queueBytes = 4096;
+    long tickUs = 100, queueBytes = 4096, rxFifo = 1;
+    double rxTimeoutChars = 4;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         auto next = [&]() -> const char* {
@@ -220,18 +254,29 @@ int main(int argc, char** argv) {
             tickUs = atol(next());
         else if (a == "--queue")
             queueBytes = atol(next());
+        else if (a == "--rx-fifo")
+            rxFifo = atol(next());
+        else if (a == "--rx-timeout")
+            rxTimeoutChars = atof(next());
         else if (a == "--seed")
             rngState = strtoull(next(), nullptr, 0) | 1;
+        else if (a == "--pcap")
+            pcapPath = next();
+        else if (a == "--summary")
+            summary = true;
         else {
             fprintf(stderr, "line_emu: unknown option %s\n", a.c_str());
             return 2;
         }
     }
-    if (rate <= 0 || tickUs <= 0 || queueBytes <= 0) {
-        fprintf(stderr, "line_emu: rate, tick and queue must be positive\n");
+    if (rate <= 0 || tickUs <= 0 || queueBytes <= 0 || rxFifo <= 0 || rxFifo > 4096 ||
+        rxTimeoutChars < 0) {
+        fprintf(stderr, "line_emu: rate, tick, queue and rx-fifo (up to 4096) must be positive\n");
         return 2;
     }
     const int64_t byteNs = static_cast<int64_t>(std::llround(1e9 / rate));
+    const size_t trigger = static_cast<size_t>(rxFifo);
+    const int64_t quietNs = static_cast<int64_t>(std::llround(rxTimeoutChars * 1e9 / rate));
 
     struct sigaction sa {};
     sa.sa_handler = onStop;
@@ -262,6 +307,32 @@ int main(int argc, char** argv) {
         d.ber = ber;
         d.drop = drop;
     }
+
+    // The capture: each direction seen as the receiving daemon sees it.
+    int pcapFd = -1;
+    std::unique_ptr<PcapngCapture> capture;
+    std::unique_ptr<LineTap> taps[2];
+    WireSummary lines(stderr, false);
+    if (pcapPath) {
+        pcapFd = open(pcapPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (pcapFd < 0) {
+            perror("line_emu: pcap");
+            return 1;
+        }
+    }
+    if (pcapPath || summary) {
+        capture = std::make_unique<PcapngCapture>(pcapFd, "line_emu (SerialToEth line emulator)");
+        const char* labels[2] = {"a->b", "b->a"};
+        for (int i = 0; i < 2; ++i) {
+            taps[i] =
+                std::make_unique<LineTap>(capture->addDirection(labels[i], "the emulated line"));
+            dirs[i].tap = taps[i].get();
+            if (summary) lines.add(labels[i], taps[i].get());
+        }
+    }
+    // Noise is merged into one packet while it continues; a pause this long ends it.
+    constexpr int64_t kCaptureIdleNs = 200000000;
+    int64_t lastDeliveryNs = 0;
 
     int controlFd = -1;
     if (controlPath) {
@@ -296,7 +367,16 @@ int main(int argc, char** argv) {
     uint8_t buf[4096];
     while (!stopRequested) {
         int64_t now = nowNs();
-        for (Direction& d : dirs) deliver(d, now, byteNs);
+        for (Direction& d : dirs) {
+            if (d.count > 0 && d.nextDone <= now) lastDeliveryNs = now;
+            deliver(d, now, byteNs, trigger, quietNs);
+        }
+        if (taps[0]) {
+            if (summary) lines.advance(clockNs(CLOCK_REALTIME));
+            if (now - lastDeliveryNs >= kCaptureIdleNs) {
+                capture->flushNoise();
+            }
+        }
 
         pollfd fds[3];
         int nfds = 0;
@@ -308,9 +388,14 @@ int main(int argc, char** argv) {
         if (controlFd >= 0) fds[nfds++] = {controlFd, POLLIN, 0};
 
         // While bytes are in flight, wake when the next one is done, but not sooner than a tick:
-        // bytes go over in small batches instead of one wake-up per byte.
+        // bytes go over in small batches instead of one wake-up per byte. Bytes waiting in a
+        // receive FIFO short of its trigger level go over when the line has been quiet enough.
         int64_t wait = -1;
         for (Direction& d : dirs) {
+            if (d.pending > 0 && (d.count == 0 || d.nextDone > d.lastDone + quietNs)) {
+                const int64_t until = d.lastDone + quietNs - now;
+                if (wait < 0 || until < wait) wait = until < 0 ? 0 : until;
+            }
             if (d.count == 0) continue;
             int64_t until = d.nextDone - now;
             int64_t last = d.nextDone + static_cast<int64_t>(d.count - 1) * byteNs - now;
@@ -320,6 +405,8 @@ int main(int argc, char** argv) {
             if (until < 0) until = 0;
             if (wait < 0 || until < wait) wait = until;
         }
+        // A capture wakes now and then to end noise packets and print its summary lines.
+        if (taps[0] && (wait < 0 || wait > kCaptureIdleNs)) wait = kCaptureIdleNs;
         timespec ts{};
         timespec* tsp = nullptr;
         if (wait >= 0) {
@@ -355,6 +442,12 @@ int main(int argc, char** argv) {
         }
     }
     printStats(dirs);
+    if (taps[0]) {
+        for (auto& t : taps) t->finish(clockNs(CLOCK_REALTIME));
+        capture->flushNoise();
+        if (summary) lines.total();
+    }
+    if (pcapFd >= 0) close(pcapFd);
     close(slaveA);
     close(slaveB);
     close(masterA);

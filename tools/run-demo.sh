@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the project, then runs two bridges joined by the emulated 576000 baud serial line, each in
-# namespaces of its own, and shows a ping and a bulk TCP transfer across them with their figures.
+# namespaces of its own, and shows a ping and a bulk TCP transfer across them with their figures,
+# then a noisy spell; the line's capture is left in build/default/serialtoeth-line.pcapng.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
@@ -9,4 +10,5 @@ cmake --build --preset default
 export S2E_DAEMON=$PWD/build/default/app/SerialToEth
 export S2E_TOOLS_DIR=$PWD/build/default/tools
 export S2E_EMULATOR=
+export S2E_DEMO_PCAP=$PWD/build/default/serialtoeth-line.pcapng
 tools/nsrun tools/e2e-harness.sh demo "${1:-500000}"

@@ -1,0 +1,204 @@
+// The daemon's view of one direction of the line: bytes into its ring, frames cut by its
+// extractor, and each take's report turned into packets and reasons in words.
+#include "LineTap.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <utility>
+
+#include "FrameCodec.h"
+
+namespace {
+
+constexpr size_t kMaxChunk = 4096;
+
+std::string format(const char* fmt, unsigned long long a) {
+    char text[160];
+    snprintf(text, sizeof text, fmt, a);
+    return text;
+}
+
+}  // namespace
+
+std::string wireCountsText(const WireCounts& now, const WireCounts& before) {
+    const std::pair<const char*, uint64_t> reasons[] = {
+        {"short", now.tooShort - before.tooShort},
+        {"long", now.tooLong - before.tooLong},
+        {"unterminated", now.unterminated - before.unterminated},
+        {"payload", now.shortPayload - before.shortPayload},
+    };
+    std::string text = "delivered " + std::to_string(now.delivered - before.delivered) +
+                       ", dropped " + std::to_string(now.dropped() - before.dropped());
+    const char* separator = " (";
+    for (const auto& r : reasons) {
+        if (r.second == 0) continue;
+        text += separator + std::string(r.first) + " " + std::to_string(r.second);
+        separator = ", ";
+    }
+    if (separator[0] == ',') text += ")";
+    return text + ", noise " + std::to_string(now.noiseBytes - before.noiseBytes) + " bytes";
+}
+
+LineTap::LineTap(WireSink& sink, size_t chunk)
+    : sink_(sink), chunk_(std::min(std::max<size_t>(chunk, 1), kMaxChunk)), packet_(kLimit) {
+    ringCreate(&ring_, kRingSize);
+    mirror_.resize(ring_.size);
+}
+
+LineTap::~LineTap() {
+    ringDestroy(&ring_);
+}
+
+void LineTap::feedAt(const uint8_t* data, size_t length, int64_t timeNs, int64_t bytesPerSecond) {
+    for (size_t at = 0; at < length;) {
+        const size_t n = std::min(chunk_, length - at);
+        // What the chunk's last byte brings about happens when it has arrived.
+        const int64_t lastNs =
+            bytesPerSecond > 0 ? nominalNs(writeOffset_ + n - 1, bytesPerSecond) : timeNs;
+        // After takeAll the ring holds at most the chunk's bytes before a start flag, a run of
+        // under 3048 bytes and one more chunk: never the 16383 bytes that would fill it.
+        if (ringPutBytes(&ring_, data + at, static_cast<uint16_t>(n)) != 0) std::abort();
+        for (size_t i = 0; i < n; ++i) mirror_[(writeOffset_ + i) & ring_.mask] = data[at + i];
+        writeOffset_ += n;
+        at += n;
+        takeAll(lastNs);
+    }
+}
+
+void LineTap::copyOut(uint64_t offset, uint32_t length, std::vector<uint8_t>& out) const {
+    out.resize(length);
+    for (uint32_t i = 0; i < length; ++i) out[i] = mirror_[(offset + i) & ring_.mask];
+}
+
+void LineTap::dropSpan(uint64_t offset, uint32_t length, int64_t timeNs,
+                       const std::string& reason) {
+    copyOut(offset, length, scratch_);
+    sink_.dropped(offset, timeNs, scratch_.data(), scratch_.size(), reason);
+}
+
+// Takes as the daemon's dispatcher does, until a take consumes nothing. Consumed bytes before a
+// start flag are noise, except an end flag that was already shown with the frame it closed.
+void LineTap::takeAll(int64_t timeNs) {
+    for (;;) {
+        // This thread is the ring's only consumer: its own index needs no ordering.
+        const uint32_t before = ring_.readIndex.load(std::memory_order_relaxed);
+        TakeReport rep{};
+        const int32_t n = ringTakePacketReport(&ring_, packet_.data(), kLimit, &rep);
+        if (rep.outcome == TakeOutcome::kNone) return;
+        const uint64_t at = readOffset_;
+        readOffset_ += (ring_.readIndex.load(std::memory_order_relaxed) - before) & ring_.mask;
+        const uint32_t shown = std::min(rep.skipped, shown_);
+        if (rep.skipped > shown) {
+            counts_.noiseBytes += rep.skipped - shown;
+            copyOut(at + shown, rep.skipped - shown, scratch_);
+            sink_.noise(at + shown, timeNs, scratch_.data(), scratch_.size());
+        }
+        const uint64_t start = at + rep.skipped;
+        shown_ = 1;  // a frame's end flag stays at readIndex; it is shown with its frame
+        switch (rep.outcome) {
+            case TakeOutcome::kNone:
+                return;
+            case TakeOutcome::kNoise:
+                shown_ = 0;
+                break;
+            case TakeOutcome::kUnterminated:
+                ++counts_.unterminated;
+                shown_ = 0;
+                dropSpan(start, rep.span, timeNs,
+                         format("dropped: %llu bytes after a start flag without an end flag, at "
+                                "the 3048-byte bound for an unterminated run",
+                                rep.span));
+                break;
+            case TakeOutcome::kTooShort:
+                ++counts_.tooShort;
+                dropSpan(start, rep.span, timeNs,
+                         format("dropped: frame of %llu bytes with its flags, below the 11-byte "
+                                "minimum",
+                                rep.span));
+                break;
+            case TakeOutcome::kTooLong:
+                ++counts_.tooLong;
+                dropSpan(start, rep.span, timeNs,
+                         format("dropped: frame of %llu bytes with its flags, above the "
+                                "3047-byte maximum",
+                                rep.span));
+                break;
+            case TakeOutcome::kOverLimit:
+                ++counts_.tooLong;
+                dropSpan(start, rep.span, timeNs,
+                         format("dropped: frame of %llu bytes with its flags, above the reader's "
+                                "limit of 8192 bytes",
+                                rep.span));
+                break;
+            case TakeOutcome::kShortPayload:
+                ++counts_.shortPayload;
+                dropSpan(start, rep.span, timeNs,
+                         rep.payload < 0
+                             ? std::string("dropped: header cut short by escape bytes, no "
+                                           "payload (12-byte minimum)")
+                             : format("dropped: payload of %llu bytes after unstuffing, below "
+                                      "the 12-byte minimum",
+                                      static_cast<unsigned long long>(rep.payload)));
+                break;
+            case TakeOutcome::kDelivered:
+                ++counts_.delivered;
+                sink_.delivered(start, timeNs, packet_.data(), static_cast<size_t>(n));
+                break;
+        }
+    }
+}
+
+void LineTap::finish(int64_t timeNs) {
+    const uint64_t from = readOffset_ + std::min<uint64_t>(shown_, writeOffset_ - readOffset_);
+    if (writeOffset_ > from) {
+        const uint32_t held = static_cast<uint32_t>(writeOffset_ - from);
+        copyOut(from, held, scratch_);
+        sink_.dropped(from, timeNs, scratch_.data(), held,
+                      format("not delivered: %llu bytes still held at the end of input, "
+                             "waiting for more",
+                             held));
+    }
+    readOffset_ = writeOffset_;
+    shown_ = 0;
+}
+
+void WireSummary::add(const std::string& label, const LineTap* tap) {
+    entries_.push_back({label, tap, tap->counts()});
+}
+
+void WireSummary::advance(int64_t timeNs) {
+    constexpr int64_t kSecond = 1000000000;
+    // At the start, and after the clock jumped (a suspended machine), begin with this second.
+    if (nextNs_ < 0 || timeNs - nextNs_ > 60 * kSecond) nextNs_ = (timeNs / kSecond + 1) * kSecond;
+    while (timeNs >= nextNs_) {
+        const time_t t = static_cast<time_t>(nextNs_ / kSecond);
+        tm parts{};
+        if (utc_) {
+            gmtime_r(&t, &parts);
+        } else {
+            localtime_r(&t, &parts);
+        }
+        char clock[16];
+        strftime(clock, sizeof clock, "%H:%M:%S", &parts);
+        std::string line = clock;
+        for (size_t i = 0; i < entries_.size(); ++i) {
+            Entry& e = entries_[i];
+            line +=
+                (i == 0 ? " " : " | ") + e.label + ": " + wireCountsText(e.tap->counts(), e.last);
+            e.last = e.tap->counts();
+        }
+        fprintf(out_, "%s\n", line.c_str());
+        fflush(out_);
+        nextNs_ += kSecond;
+    }
+}
+
+void WireSummary::total() {
+    for (const Entry& e : entries_) {
+        fprintf(out_, "total %s: %s\n", e.label.c_str(),
+                wireCountsText(e.tap->counts(), WireCounts{}).c_str());
+    }
+    fflush(out_);
+}

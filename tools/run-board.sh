@@ -1,0 +1,346 @@
+#!/usr/bin/env bash
+# The board, emulated whole: Debian's arm64 kernel on qemu-system-aarch64 (-M virt, Cortex-A53),
+# busybox init, the daemon started at boot by its installed boot script, the board's UART a real
+# PL011 under the kernel's serial driver, seen by the daemon as /dev/zynq_uart0.
+#
+#   tools/run-board.sh [BYTES]   build, boot three boards and check them (exit 1 on any failure):
+#       a and b   UART joined to UART (QEMU socket character devices): line settings read back
+#                 with stty, addresses set through each console, ping and a TCP transfer of BYTES
+#                 (default 100000) checked end to end, status record and monitor ticks read back
+#                 with supervisor_emu, then on a: the boot script's restart, stop and start
+#       c         UART on a pseudo-terminal that a daemon built for this machine (the end-to-end
+#                 harness, in namespaces of its own) uses as its UART: ping both ways
+#       all       power-off through busybox's rcK, which stops the daemon
+#   tools/run-board.sh boot      boot one board alone, check its UART settings, daemon and status
+#                                record, power it off (the boot time of a single board)
+#   tools/run-board.sh shell     boot one board with its console on this terminal (Ctrl-A x ends
+#                                the emulator); its UART is a pseudo-terminal QEMU names on start.
+#                                The console's busybox shell ends, and init starts a new one, when
+#                                one of its background jobs ends: start those with sh -c '... &'.
+#
+# Boot files come from tools/board-image.sh (Debian's packages, cached in build/aarch64/board).
+# The boards have no network device; everything runs in fresh namespaces (tools/nsrun), and the
+# consoles are FIFOs in a temporary directory, the UART link a TCP connection on the loopback of
+# those namespaces.
+# The emulated UART is not paced: QEMU moves bytes as fast as it runs, so the figures here are not
+# line-rate figures (those come from tools/line_emu, see tools/run-demo.sh).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+board_dir=build/aarch64/board
+qemu_base=(qemu-system-aarch64 -M virt -cpu cortex-a53 -m 256 -nodefaults -display none -no-reboot
+           -kernel "$board_dir/Image" -initrd "$board_dir/initramfs.cpio.gz"
+           -append "console=hvc0 quiet panic=-1" -device virtio-serial-device)
+
+if [ "${S2E_BOARD_STAGE:-}" != run ]; then
+    tools/install-deps.sh --cross
+    cmake --preset aarch64 >/dev/null
+    cmake --build --preset aarch64
+    # The build machine's daemon for the mixed link, and the supervisor stand-in the harness runs.
+    cmake --preset default >/dev/null
+    cmake --build --preset default --target SerialToEth supervisor_emu
+    tools/board-image.sh build/aarch64 "$board_dir"
+    if [ "${1:-}" = shell ]; then
+        exec tools/nsrun "${qemu_base[@]}" -chardev stdio,id=con,mux=on,signal=off -mon con \
+            -device virtconsole,chardev=con -chardev pty,id=uart -serial chardev:uart
+    fi
+    # unshare ignores SIGTERM while it waits: the kill after the grace time ends the namespaces.
+    exec env S2E_BOARD_STAGE=run timeout -k 10 600 tools/nsrun "$0" "$@"
+fi
+
+# ---- From here on: inside fresh namespaces (no route to anything outside them).
+bytes=${1:-100000}
+uart_port=5570 # the a-b link, on the loopback of these namespaces
+export S2E_DAEMON=$PWD/build/default/app/SerialToEth
+export S2E_TOOLS_DIR=$PWD/build/default/tools
+export S2E_EMULATOR=
+# shellcheck source=tools/e2e-harness.sh
+. tools/e2e-harness.sh
+h_init
+dir=$H_DIR
+declare -A QPID=() CON=() BOOTED=() MARK=()
+cleanup() {
+    local - name
+    set +e # a board that ended by itself cannot be killed: the rest must still happen
+    for name in "${!QPID[@]}"; do kill -KILL "${QPID[$name]}" 2>/dev/null; done
+    # The consoles of the last run stay for a look afterwards.
+    rm -rf "$board_dir/last-run"
+    mkdir -p "$board_dir/last-run"
+    cp "$dir"/*.log "$dir"/*.qemu "$board_dir/last-run/" 2>/dev/null
+    h_teardown
+}
+trap cleanup EXIT
+t0=$(date +%s.%N)
+elapsed() { awk -v a="$1" -v b="$(date +%s.%N)" 'BEGIN{printf "%.1f", b - a}'; }
+
+passed=0
+failed=0
+check() { # check TEXT COMMAND...: runs the command, counts and prints the outcome
+    local text=$1
+    shift
+    if "$@"; then
+        echo "  ok    $text"
+        passed=$((passed + 1))
+    else
+        echo "  FAIL  $text"
+        failed=$((failed + 1))
+    fi
+}
+
+summary() {
+    echo "== board checks: $(elapsed "$t0") s"
+    echo "board: $passed passed, $failed failed"
+    [ "$failed" -eq 0 ]
+}
+
+# board_start NAME UART-CHARDEV-OPTIONS: boots a board whose console is the FIFO pair
+# $dir/NAME.con.{in,out} (read into $dir/NAME.log) and whose PL011 is the given character device.
+board_start() {
+    local name=$1 uart=$2 fd
+    mkfifo "$dir/$name.con.in" "$dir/$name.con.out"
+    "${qemu_base[@]}" -chardev "pipe,id=con,path=$dir/$name.con" -device virtconsole,chardev=con \
+        -chardev "$uart,id=uart" -serial chardev:uart >"$dir/$name.qemu" 2>&1 &
+    QPID[$name]=$!
+    cat "$dir/$name.con.out" >"$dir/$name.log" &
+    exec {fd}<>"$dir/$name.con.in"
+    CON[$name]=$fd
+    echo 0 >"$dir/$name.seq"
+}
+
+log_of() { tr -d '\r' <"$dir/$1.log"; }
+
+# boards_boot NAME...: waits until each board has run its boot scripts (60 s at most), then quiets
+# its console; checks each, with the host's seconds since start and the guest's uptime.
+boards_boot() {
+    local name i up waiting=("$@") left
+    for i in $(seq 1200); do
+        left=()
+        for name in "${waiting[@]}"; do
+            up=$(log_of "$name" | sed -n 's/^board: boot scripts done at \([0-9.]*\) s$/\1/p')
+            if [ -n "$up" ]; then
+                BOOTED[$name]="host $(elapsed "$t0") s, guest uptime $up s"
+            elif kill -0 "${QPID[$name]}" 2>/dev/null; then
+                left+=("$name")
+            fi
+        done
+        [ ${#left[@]} -gt 0 ] || break
+        waiting=("${left[@]}")
+        sleep 0.05
+    done
+    for name in "$@"; do
+        check "$name: boots to the end of its boot scripts" board_booted "$name"
+    done
+    [ "$failed" -eq 0 ] || { summary; exit 1; }
+}
+
+board_booted() {
+    local name=$1
+    if [ -z "${BOOTED[$name]:-}" ]; then
+        echo "  board $name did not finish booting (console: $board_dir/last-run/$name.log):"
+        log_of "$name" | grep -v '^\[ *[0-9.]*\]  ' | tail -n 25 | sed 's/^/    /'
+        sed 's/^/    /' "$dir/$name.qemu"
+        return 1
+    fi
+    # A quiet console: no echo, no prompts, so that only the commands' output comes back.
+    board_run "$name" 10 'stty -echo; PS1=; PS2=' >/dev/null
+}
+
+# board_run NAME TIMEOUT COMMAND: runs a shell command on the board's console; prints its output
+# and returns its exit status (124 when it does not end within TIMEOUT seconds). The commands are
+# numbered in a file, as callers run this in subshells ($(...)).
+board_run() {
+    local name=$1 limit=$2 cmd=$3 n end i
+    # A console that let a command run out its time is not asked again: the rest of the run
+    # would only wait out every other command's time too.
+    if [ -e "$dir/$name.hung" ]; then
+        echo "(console of $name does not answer)"
+        return 124
+    fi
+    n=$(($(cat "$dir/$name.seq") + 1))
+    echo "$n" >"$dir/$name.seq"
+    printf 'echo @@B%d\n%s\necho "@@E%d rc=$?"\n' "$n" "$cmd" "$n" >&"${CON[$name]}"
+    end=""
+    for i in $(seq $((limit * 20))); do
+        end=$(log_of "$name" | sed -n "s/^@@E$n rc=\([0-9]*\)\$/\1/p")
+        [ -n "$end" ] && break
+        sleep 0.05
+    done
+    log_of "$name" | awk -v b="@@B$n" -v e="@@E$n rc=" '$0 == b {on = 1; next}
+        index($0, e) == 1 {exit} on'
+    if [ -z "$end" ]; then
+        echo "(no end within ${limit} s)"
+        touch "$dir/$name.hung"
+        return 124
+    fi
+    return "$end"
+}
+
+# Figures and checks pulled from command output.
+field() { sed -n "s/.*\\b$1=\\([0-9a-fx]*\\).*/\\1/p" | head -n 1; }
+ping_line() { grep -E 'packets transmitted|round-trip|rtt' | tr '\n' ' '; }
+ping_all_back() { # "N packets transmitted, N (packets )received" with both counts equal to $2
+    grep -Eq "^$2 packets transmitted, $2 (packets )?received" <<<"$1"
+}
+
+# stty -g prints c_iflag:c_oflag:c_cflag:c_lflag:c_cc[0]:c_cc[1]:... in hexadecimal.
+line_settings_ok() {
+    local -a f
+    [[ $1 =~ ^[0-9a-f]+(:[0-9a-f]+)+$ ]] || return 1
+    IFS=: read -r -a f <<<"$1"
+    [ ${#f[@]} -gt 10 ] || return 1
+    local iflag=$((16#${f[0]})) oflag=$((16#${f[1]})) cflag=$((16#${f[2]})) lflag=$((16#${f[3]}))
+    local vtime=$((16#${f[9]})) vmin=$((16#${f[10]}))
+    # B576000 (CBAUD|CBAUDEX bits 0x100f), CS8, CREAD; no CSTOPB, PARENB or CRTSCTS; no input
+    # processing; no OPOST; no ISIG, ICANON, ECHO, ECHOE.
+    [ $((cflag & 0x100f)) -eq $((0x1006)) ] && [ $((cflag & 0x30)) -eq $((0x30)) ] &&
+        [ $((cflag & 0x80)) -ne 0 ] && [ $((cflag & 0x80000140)) -eq 0 ] &&
+        [ "$iflag" -eq 0 ] && [ $((oflag & 1)) -eq 0 ] && [ $((lflag & 0x1b)) -eq 0 ] &&
+        [ "$vmin" -eq 1 ] && [ "$vtime" -eq 10 ]
+}
+
+declare -A TICKS0=() UP0=()
+# board_checks NAME: the UART's settings, the daemon under its boot script, its status record.
+board_checks() {
+    local name=$1 out g pid status
+    echo "== board $name: booted (${BOOTED[$name]})"
+    out=$(board_run "$name" 10 'readlink /dev/zynq_uart0; dmesg | grep -m 1 "ttyAMA0 at"') || true
+    check "$name: /dev/zynq_uart0 is the kernel's PL011: $(tr '\n' ' ' <<<"$out" | sed 's/\[[ 0-9.]*\] //')" \
+        eval '[ "$(head -n 1 <<<"$out")" = ttyAMA0 ] && grep -q "is a PL011" <<<"$out"'
+    out=$(board_run "$name" 10 'stty -F /dev/zynq_uart0') || true
+    echo "  stty -F /dev/zynq_uart0: $(head -n 1 <<<"$out")"
+    g=$(board_run "$name" 10 'stty -g -F /dev/zynq_uart0') || true
+    check "$name: line reads back 576000 baud" grep -q '^speed 576000 baud' <<<"$out"
+    check "$name: raw 8N1, VMIN 1, VTIME 10 (stty -g $(cut -d: -f1-4 <<<"$g"):...)" \
+        line_settings_ok "$g"
+    out=$(board_run "$name" 10 '/etc/init.d/S80serialtoeth status; echo "exit $?"') || true
+    check "$name: boot script status: $(head -n 1 <<<"$out")" grep -qx "exit 0" <<<"$out"
+    check "$name: daemon log has \"Rs232 open ok\"" \
+        board_run "$name" 10 'grep -q "^Rs232 open ok" /var/log/serialtoeth.log'
+    pid=$(board_run "$name" 10 'cat /var/run/serialtoeth.pid') || true
+    status=$(board_run "$name" 10 'supervisor_emu status') || true
+    echo "  supervisor_emu status: $status"
+    check "$name: status record names the daemon (pid $pid), state 0, monitor up, ticks >= 1" \
+        eval '[ "$(field pid <<<"$status")" = "$pid" ] && [ "$(field state <<<"$status")" = 0 ] &&
+              [ "$(field monitorUp <<<"$status")" = 1 ] && [ "$(field msgCount <<<"$status")" -ge 1 ]'
+    TICKS0[$name]=$(field msgCount <<<"$status")
+    UP0[$name]=$(board_run "$name" 10 'cut -d" " -f1 /proc/uptime') || true
+}
+
+uart_counts() { board_run "$1" 10 'cat /proc/tty/driver/ttyAMA' | sed -n 's/.*\(tx:[0-9]* rx:[0-9]*\).*/\1/p'; }
+
+# boards_finish NAME...: the status records once more, then power-off through rcK.
+boards_finish() {
+    local name status pid up ticks span code i tail
+    echo "== status records again, then power-off through rcK"
+    for name in "$@"; do
+        status=$(board_run "$name" 10 'supervisor_emu status') || true
+        pid=$(board_run "$name" 10 'cat /var/run/serialtoeth.pid') || true
+        up=$(board_run "$name" 10 'cut -d" " -f1 /proc/uptime') || true
+        ticks=$(field msgCount <<<"$status")
+        span=$(awk -v a="${UP0[$name]}" -v b="$up" 'BEGIN{printf "%d", b - a}')
+        echo "  $name: $status"
+        # The monitor's timer ticks every 10 s: after 12 s at least one more tick must have come.
+        check "$name: record names pid $pid; ticks ${TICKS0[$name]} -> $ticks over $span s" eval \
+            '[ "$(field pid <<<"$status")" = "$pid" ] &&
+             { [ "$span" -lt 12 ] || [ "${ticks:-0}" -gt "${TICKS0[$name]}" ]; }'
+    done
+    for name in "$@"; do
+        MARK[$name]=$(log_of "$name" | wc -l)
+        printf 'poweroff\n' >&"${CON[$name]}"
+    done
+    for name in "$@"; do
+        code=0
+        for i in $(seq 600); do kill -0 "${QPID[$name]}" 2>/dev/null || break; sleep 0.05; done
+        if kill -0 "${QPID[$name]}" 2>/dev/null; then
+            code=timeout
+        else
+            wait "${QPID[$name]}" || code=$?
+        fi
+        unset "QPID[$name]"
+        tail=$(log_of "$name" | tail -n +"$((MARK[$name] + 1))")
+        check "$name: power-off stops the daemon through rcK, emulator ends (status $code)" eval \
+            '[ "$code" = 0 ] && grep -q "Stopping SerialToEth: OK" <<<"$tail" &&
+             grep -q "board: boot scripts stopped" <<<"$tail"'
+    done
+}
+
+if [ "${1:-}" = boot ]; then
+    echo "== booting board a alone (UART unconnected)"
+    board_start a null
+    boards_boot a
+    board_checks a
+    boards_finish a
+    summary
+    exit
+fi
+
+echo "== booting boards a, b (UART to UART) and c (UART to a pseudo-terminal) in parallel"
+# TCP on this namespace's own loopback, not a UNIX socket: QEMU writes the UART's bytes one at a
+# time and waits while the socket is full, and a UNIX socket charges each one-byte write a whole
+# buffer's overhead, so it is full after a few hundred bytes; with both directions full both
+# emulators wait on each other for ever. TCP joins small writes and holds plenty.
+board_start a "socket,host=127.0.0.1,port=$uart_port,server=on,wait=off"
+for i in $(seq 100); do ss -Hltn "sport = :$uart_port" | grep -q . && break; sleep 0.05; done
+board_start b "socket,host=127.0.0.1,port=$uart_port"
+board_start c pty
+boards_boot a b c
+pty=$(sed -n 's/.*char device redirected to \(\/dev\/pts\/[0-9]*\) (label uart).*/\1/p' "$dir/c.qemu")
+for name in a b c; do board_checks "$name"; done
+
+echo "== a <-> b: addresses set through the consoles, 10.77.0.1/24 on a, 10.77.0.2/24 on b"
+check "a: address set" board_run a 10 'ip addr add 10.77.0.1/24 dev uart2eth0'
+check "b: address set" board_run b 10 'ip addr add 10.77.0.2/24 dev uart2eth0'
+board_run a 10 'ping -c 1 -W 5 10.77.0.2' >/dev/null || true # resolve the address first
+out=$(board_run a 30 'ping -c 10 -i 0.2 10.77.0.2') || true
+echo "  ping a -> b: $(ping_line <<<"$out")"
+check "ping a -> b: 10 of 10 back" ping_all_back "$out" 10
+before_b=$(uart_counts b)
+# The receiver is started by a shell of its own: the console's busybox shell ends when a job of
+# its own ends while it waits for input.
+board_run b 10 'sh -c "tcp_blast recv 5001 60 >/tmp/recv.txt 2>&1 &"' >/dev/null
+sleep 0.5
+send=$(board_run a 90 "tcp_blast send 10.77.0.2 5001 $bytes 60") || true
+recv=$(board_run b 70 'n=0; while ! grep -q bytes= /tmp/recv.txt && [ $n -lt 600 ]; do
+    sleep 0.1; n=$((n + 1)); done; cat /tmp/recv.txt') || true
+echo "  TCP a -> b, sender:   $send"
+echo "  TCP a -> b, receiver: $recv"
+check "TCP a -> b: $bytes bytes arrive with the sender's checksum" eval \
+    '[ "$(field bytes <<<"$recv")" = "$bytes" ] && [ -n "$(field fnv <<<"$send")" ] &&
+     [ "$(field fnv <<<"$send")" = "$(field fnv <<<"$recv")" ]'
+echo "  PL011 of b before and after: $before_b -> $(uart_counts b)"
+
+echo "== c <-> this machine's daemon (harness namespaces, UART $pty), 10.78.0.1/24 on c"
+check "c: QEMU names the pseudo-terminal of its UART" [ -n "$pty" ]
+h_daemon_start host --pty "$pty"
+h_addr host 10.78.0.2/24
+check "c: address set" board_run c 10 'ip addr add 10.78.0.1/24 dev uart2eth0'
+h_exec host ping -c 1 -W 5 10.78.0.1 >/dev/null || true
+out=$(h_exec host ping -c 10 -i 0.2 10.78.0.1) || true
+echo "  ping host -> c: $(ping_line <<<"$out")"
+check "ping host -> c: 10 of 10 back" ping_all_back "$out" 10
+out=$(board_run c 30 'ping -c 10 -i 0.2 10.78.0.2') || true
+echo "  ping c -> host: $(ping_line <<<"$out")"
+check "ping c -> host: 10 of 10 back" ping_all_back "$out" 10
+echo "  PL011 of c: $(uart_counts c)"
+
+echo "== a: the boot script's restart, stop and start"
+old=$(board_run a 10 'cat /var/run/serialtoeth.pid') || true
+out=$(board_run a 30 '/etc/init.d/S80serialtoeth restart') || true
+echo "  restart: $(tr '\n' ' ' <<<"$out")"
+new=$(board_run a 10 'cat /var/run/serialtoeth.pid') || true
+check "restart: stopped and started again, new pid $new (was $old)" eval \
+    'grep -q "Stopping SerialToEth: OK" <<<"$out" && grep -q "Starting SerialToEth: OK" <<<"$out" &&
+     [ -n "$new" ] && [ "$new" != "$old" ]'
+# The interface goes with the daemon that made it: the new one comes up without an address.
+board_run a 10 'ip addr add 10.77.0.1/24 dev uart2eth0' >/dev/null || true
+out=$(board_run a 30 'ping -c 3 -W 5 10.77.0.2') || true
+check "after restart: ping a -> b, 3 of 3 back" ping_all_back "$out" 3
+out=$(board_run a 30 '/etc/init.d/S80serialtoeth stop') || true
+check "stop: $out" grep -q "Stopping SerialToEth: OK" <<<"$out"
+out=$(board_run a 10 '/etc/init.d/S80serialtoeth status; echo "exit $?"; pidof SerialToEth') || true
+check "after stop: status exits 3 and no SerialToEth runs" eval \
+    'grep -qx "exit 3" <<<"$out" && ! grep -qE "^[0-9]+( |\$)" <<<"$out"'
+out=$(board_run a 30 '/etc/init.d/S80serialtoeth start') || true
+check "start: $out" grep -q "Starting SerialToEth: OK" <<<"$out"
+
+boards_finish a b c
+summary

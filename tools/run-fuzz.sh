@@ -7,7 +7,7 @@ seconds=${1:-45}
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 shopt -s nullglob
-targets=(fuzz/*.cpp)
+targets=(fuzz/*_fuzz.cpp)
 [ ${#targets[@]} -gt 0 ] || { echo "no fuzz targets"; exit 0; }
 for src in "${targets[@]}"; do
     name=$(basename "$src" .cpp)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite: the default build, the address+undefined and the thread
-# sanitizer builds, the fuzz targets for a bounded time, and the AArch64 build under emulation.
+# sanitizer builds, the Debian package checks, the fuzz targets for a bounded time, and the AArch64
+# build under emulation with its package.
 # Any failure fails the run. S2E_FUZZ_SECONDS sets the time per fuzz target (default 45).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,6 +17,9 @@ for preset in default asan tsan; do
     stage "test $preset"
     ctest --preset "$preset"
 done
+
+stage "package checks (build machine's architecture)"
+tools/check-package.sh build/default
 
 stage "fuzz"
 tools/run-fuzz.sh "${S2E_FUZZ_SECONDS:-45}"

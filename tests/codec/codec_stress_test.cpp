@@ -1,91 +1,73 @@
-// Two-thread runs over one ring: a producer encoding frames (or pushing raw serial chunks) while a
-// consumer takes them, checked in order and content; meant to run under the thread sanitizer too.
+// Two threads on one ring, as in the bridge: a producer encoding frames (or pushing the encoded
+// stream in chunks cut anywhere, as the serial port delivers it) while the consumer takes them,
+// checked in order and content; meant to run under the thread sanitizer too. The raw chunks are
+// handed over as the bridge does: the consumer sleeps until the wake-up rule says a chunk needs
+// it, so a lost wake-up hangs the run.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <random>
 #include <thread>
 #include <vector>
 
+#include "DispatcherWake.h"
 #include "FrameCodec.h"
 
 namespace {
 
-constexpr int kPackets = 12000;  // about 9 MB of packet bytes per run
-
-// Packet number i, reproducible on both sides; every seventh one is made of
-// special bytes only after its leading sequence number.
+// Packet i, the same on both sides: every seventh made only of special bytes after its number.
 std::vector<uint8_t> packetFor(int i) {
     std::mt19937 rng(uint32_t(i) * 2654435761u);
-    std::vector<uint8_t> p(1 + rng() % 1514);
+    std::vector<uint8_t> p(std::max<size_t>(64, 4 + rng() % 1511));
     for (auto& b : p) b = (i % 7 == 0) ? ((rng() & 1) ? 0x5E : 0x7E) : uint8_t(rng());
-    if (p.size() >= 4) std::memcpy(p.data(), &i, 4);  // the sequence number leads
+    memcpy(p.data(), &i, 4);
     return p;
 }
 
-std::vector<uint8_t> paddedFor(int i) {
-    std::vector<uint8_t> p = packetFor(i);
-    if (p.size() < 64) p.resize(64, 0);
-    return p;
-}
-
-TEST(CodecStress, FramesInOrderThroughTakeFrame) {
-    ByteRing ring;
-    ringCreate(&ring, 32768);
-    std::thread producer([&] {
-        for (int i = 0; i < kPackets; ++i) {
-            std::vector<uint8_t> p = packetFor(i);
-            const size_t len = p.size();
-            p.resize(std::max<size_t>(len, 64));
-            while (ringPutFrame(&ring, p.data(), uint16_t(len)) != 0) std::this_thread::yield();
-        }
-    });
-    std::vector<uint8_t> frame(8192), expect(8192);
-    for (int i = 0; i < kPackets; ++i) {
-        int32_t n;
-        while ((n = ringTakeFrame(&ring, frame.data(), 8172)) < 0) std::this_thread::yield();
-        std::vector<uint8_t> p = paddedFor(i);
-        const int32_t want = frameEncode(p.data(), expect.data(), int32_t(p.size()));
-        ASSERT_EQ(n, want) << i;
-        ASSERT_EQ(0, std::memcmp(frame.data(), expect.data(), size_t(n))) << i;
-    }
-    producer.join();
-    EXPECT_EQ(ringUsed(&ring), 1u);  // the zeroed end flag of the last frame
-    ringDestroy(&ring);
-}
-
-TEST(CodecStress, RawChunksInOrderThroughTakePacket) {
-    ByteRing ring;
-    ringCreate(&ring, 16384);
-    std::thread producer([&] {
-        std::mt19937 rng(5);
-        std::vector<uint8_t> stream(8192);
-        size_t have = 0;
-        for (int i = 0; i < kPackets; ++i) {
-            std::vector<uint8_t> p = paddedFor(i);
-            have += size_t(frameEncode(p.data(), stream.data() + have, int32_t(p.size())));
-            // Chunks cut anywhere, as the serial port delivers them.
-            while (have >= 3100 || (i == kPackets - 1 && have > 0)) {
-                const size_t chunk = std::min<size_t>(have, 1 + rng() % 4096);
-                while (ringPutBytes(&ring, stream.data(), uint16_t(chunk)) != 0) {
-                    std::this_thread::yield();
+TEST(CodecStress, FramesAndRawChunksInOrder) {
+    for (bool raw : {false, true}) {
+        ByteRing ring;
+        ringCreate(&ring, raw ? 16384 : 32768);
+        DispatcherWake wake;
+        std::thread producer([&] {
+            std::mt19937 rng(5);
+            std::vector<uint8_t> stream(8192);
+            for (int i = 0; i < 12000; ++i) {
+                std::vector<uint8_t> p = packetFor(i);
+                if (!raw) {
+                    while (ringPutFrame(&ring, p.data(), uint16_t(p.size())) != 0)
+                        std::this_thread::yield();
+                    continue;
                 }
-                std::memmove(stream.data(), stream.data() + chunk, have - chunk);
-                have -= chunk;
+                size_t have = size_t(frameEncode(p.data(), stream.data(), int32_t(p.size())));
+                for (size_t at = 0, chunk; at < have; at += chunk) {
+                    chunk = std::min<size_t>(have - at, 1 + rng() % 512);
+                    while (ringPutBytes(&ring, stream.data() + at, uint16_t(chunk)) != 0)
+                        std::this_thread::yield();
+                    if (wake.serialChunkNeedsPass(&ring, stream.data() + at, uint32_t(chunk)))
+                        wake.wake();
+                }
             }
+        });
+        std::vector<uint8_t> out(8192), expect(8192);
+        for (int i = 0; i < 12000; ++i) {
+            int32_t n;
+            bool more = false;
+            while (!raw && (n = ringTakeFrame(&ring, out.data(), 8172)) < 0)
+                std::this_thread::yield();
+            for (DispatcherWake::Pass pass; raw;) {  // the dispatcher's pass and idle sleep
+                pass = wake.passStart();
+                if ((n = takeNextPacket(&ring, out.data(), 8192, 8192, &more)) > 0) break;
+                if (!more && wake.armIdle(&ring, pass)) wake.sleep(pass, nullptr);
+            }
+            std::vector<uint8_t> p = packetFor(i);
+            const int32_t want =
+                raw ? int32_t(p.size()) : frameEncode(p.data(), expect.data(), int32_t(p.size()));
+            ASSERT_EQ(n, want) << i;
+            ASSERT_EQ(0, memcmp(out.data(), raw ? p.data() : expect.data(), size_t(n))) << i;
         }
-    });
-    std::vector<uint8_t> packet(8192);
-    for (int i = 0; i < kPackets; ++i) {
-        int32_t n;
-        while ((n = ringTakePacket(&ring, packet.data(), 8192)) < 0) std::this_thread::yield();
-        const std::vector<uint8_t> want = paddedFor(i);
-        ASSERT_EQ(size_t(n), want.size()) << i;
-        ASSERT_EQ(0, std::memcmp(packet.data(), want.data(), want.size())) << i;
+        producer.join();
+        ringDestroy(&ring);
     }
-    producer.join();
-    ringDestroy(&ring);
 }
 
 }  // namespace

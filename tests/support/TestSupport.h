@@ -1,21 +1,19 @@
-// Helpers shared by the test programs: capture of a descriptor's output, a loopback UDP peer,
-// and the guard for tests that must run inside the private namespaces of tools/nsrun.
+// Helpers shared by every test program: output capture, files, a loopback UDP peer, child
+// processes, System V queues and the check that a test runs in the private namespaces of nsrun.
 #pragma once
 
 #include <arpa/inet.h>
 #include <poll.h>
-#include <sys/socket.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
-
-// Tests that touch fixed System V keys, /root or network devices skip themselves outside nsrun.
-#define S2E_REQUIRE_NAMESPACE() \
-    if (std::getenv("S2E_IN_NS") == nullptr) GTEST_SKIP() << "needs the namespaces of tools/nsrun"
 
 namespace s2etest {
 
@@ -33,14 +31,17 @@ class FdCapture {
     }
     FdCapture(const FdCapture&) = delete;
     FdCapture& operator=(const FdCapture&) = delete;
-
+    // What was written so far; the capture goes on.
+    std::string peek() const {
+        fflush(nullptr);
+        std::string out(1 << 20, '\0');
+        const ssize_t n = pread(fileno(file_), &out[0], out.size(), 0);
+        out.resize(n > 0 ? size_t(n) : 0);
+        return out;
+    }
     std::string text() {
         restore();
-        std::string out;
-        char chunk[4096];
-        rewind(file_);
-        for (size_t got; (got = fread(chunk, 1, sizeof chunk, file_)) > 0;) out.append(chunk, got);
-        return out;
+        return peek();
     }
 
   private:
@@ -56,7 +57,6 @@ class FdCapture {
     int saved_ = -1;
 };
 
-// What `body` writes to standard output.
 template <typename Body>
 std::string captureStdout(Body&& body) {
     FdCapture capture;
@@ -64,12 +64,16 @@ std::string captureStdout(Body&& body) {
     return capture.text();
 }
 
+inline std::string readFile(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+
 // A UDP socket on 127.0.0.1 and a free port: the only kind of peer tests ever send to.
 class UdpPeer {
   public:
     UdpPeer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-        const int big = 1 << 20;
-        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -79,28 +83,72 @@ class UdpPeer {
         port_ = ntohs(addr.sin_port);
     }
     ~UdpPeer() { close(fd_); }
-    UdpPeer(const UdpPeer&) = delete;
-    UdpPeer& operator=(const UdpPeer&) = delete;
-
     uint16_t port() const { return port_; }
-
     // Next datagram; `got` tells an empty datagram from none within the timeout.
     std::string receive(bool* got = nullptr, int timeoutMs = 3000) {
         pollfd p{fd_, POLLIN, 0};
         char buf[4096];
         const ssize_t n = poll(&p, 1, timeoutMs) == 1 ? recv(fd_, buf, sizeof buf, 0) : -1;
         if (got != nullptr) *got = n >= 0;
-        return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
-    }
-    void drain() {
-        char buf[4096];
-        while (recv(fd_, buf, sizeof buf, MSG_DONTWAIT) >= 0) {
-        }
+        return n > 0 ? std::string(buf, size_t(n)) : std::string();
     }
 
   private:
     int fd_;
     uint16_t port_ = 0;
 };
+
+// Runs `body` in a forked child whose standard output (and error, when asked) goes to a file; a
+// wedged child dies by SIGALRM. status() is the exit code, or 128 + the signal that ended it.
+class Child {
+  public:
+    template <typename Body>
+    explicit Child(Body body, bool withStderr = false) : out_(tmpfile()) {
+        fflush(nullptr);
+        pid = fork();
+        if (pid != 0) return;
+        dup2(fileno(out_), STDOUT_FILENO);
+        if (withStderr) dup2(fileno(out_), STDERR_FILENO);
+        alarm(20);
+        body();
+        fflush(nullptr);
+        _exit(99);
+    }
+    ~Child() { fclose(out_); }
+    int status() {
+        int s = 0;
+        if (pid <= 0 || waitpid(pid, &s, 0) != pid) return -1;
+        return WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
+    }
+    std::string output() const {
+        std::string text(1 << 16, '\0');
+        const ssize_t n = pread(fileno(out_), &text[0], text.size(), 0);
+        text.resize(n > 0 ? size_t(n) : 0);
+        return text;
+    }
+    pid_t pid;
+
+  private:
+    FILE* out_;
+};
+
+// A private System V queue, removed at the end.
+struct Queue {
+    int id = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    ~Queue() { msgctl(id, IPC_RMID, nullptr); }
+};
+inline msqid_ds queueStat(int id) {
+    msqid_ds ds{};
+    msgctl(id, IPC_STAT, &ds);
+    return ds;
+}
+
+// True when this process runs in the namespaces tools/nsrun makes: its mount table shows nsrun's
+// private tmpfs over /root, which can exist only in a mount namespace of nsrun's making.
+bool inPrivateNamespaces();
+
+// Runs this test program again, with only the current test selected and S2E_CHILD=role in its
+// environment; returns the exit status, or -1. For a test that needs a fresh process.
+int rerunCurrentTest(const char* role);
 
 }  // namespace s2etest

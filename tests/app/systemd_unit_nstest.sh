@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# The package under a real systemd (tools/sdrun): with the unit's hardening in force the daemon frees
+# a busy interface by "killall udhcpc" (restarted if it lost the race), comes up, sets the line,
+# writes the status record, carries frames both ways over a pty; then the init script, the purge.
+source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
+set -euo pipefail
+[ -z "${S2E_EMULATOR:-}" ] || { echo "skipped: the container can only run the build machine's package"; exit 0; }
+! grep -q '^S2E_SANITIZE:STRING=.' "$S2E_BINARY_DIR/CMakeCache.txt" || { echo "skipped: a sanitizer build is not shipped"; exit 0; }
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cpack -G DEB --config "$S2E_BINARY_DIR/CPackConfig.cmake" -B "$work" >/dev/null
+
+inside() {
+    set -euo pipefail
+    local deb=$1 tools=$2 a b pid holder rx
+    fail() { echo "FAIL: $*"; journalctl -u serialtoeth --no-pager | tail -n 20; exit 1; }
+    wait_until() { for _ in $(seq 200); do eval "$1" && return 0; sleep 0.1; done; fail "$2"; }
+    dpkg -i "$deb" >/dev/null
+    [ -e /etc/rc2.d/K01serialtoeth ] || fail "init script not registered (disabled)"
+    "$tools/line_emu" --info /run/line 2>/dev/null & wait_until '[ -s /run/line ]' "line emulator"
+    read -r _ a _ b <<<"$(tr '\n' ' ' </run/line)" && ln -s "$a" /dev/zynq_uart0
+    "$tools/supervisor_emu" init >/dev/null
+    python3 -c 'import fcntl, os, struct, time
+open("/proc/self/comm", "w").write("udhcpc")  # a DHCP client holding the interface
+fcntl.ioctl(os.open("/dev/net/tun", os.O_RDWR), 0x400454ca, struct.pack("16sH22x", b"uart2eth0", 0x1002))
+time.sleep(60)' &
+    holder=$! && wait_until 'ip link show uart2eth0 >/dev/null 2>&1' "stand-in client"
+    systemctl start serialtoeth
+    wait_until '! kill -0 $holder 2>/dev/null' "killall udhcpc did not end the client"
+    wait_until '[ "$("$tools/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' "status record"
+    pid=$(systemctl show -P MainPID serialtoeth)
+    [ "$(grep -E '^(CapEff|NoNewPrivs|Seccomp):' "/proc/$pid/status" | tr -d '\t\n')" = "CapEff:0000000000801000NoNewPrivs:1Seccomp:2" ] ||
+        fail "restrictions not in force: $(grep -E '^(Cap|NoNew|Secc)' "/proc/$pid/status")"
+    nsenter -t "$pid" -m sh -c '! touch /usr/probe 2>/dev/null && touch /root/probe' || fail "file system not read-only but /root"
+    [ "$(ps -L -o ni= -p "$pid" | grep -c -- -20)" = 2 ] || fail "readers not at nice -20"
+    ip link show uart2eth0 | grep -q '[<,]UP[,>]' || fail "interface not up"
+    [ "$(stty -F "$a" speed)" = 576000 ] || fail "line speed $(stty -F "$a" speed)"
+    stty -F "$b" raw -echo && timeout 3 cat "$b" >/run/out &
+    ip addr add 10.99.0.1/24 dev uart2eth0 && { ping -c 1 -W 1 10.99.0.2 >/dev/null || true; }
+    wait $! || true
+    od -An -tx1 /run/out | tr -d ' \n' | grep 7effffffff | grep -q 08060001080006040001 || fail "no ARP request framed on the line"
+    rx=$(cat /sys/class/net/uart2eth0/statistics/rx_packets)
+    { printf '\x7e\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x02\0\0\0\0\x02\x88\xb5'; head -c 50 /dev/zero; printf '\x7e'; } >"$b"
+    wait_until "[ \$(cat /sys/class/net/uart2eth0/statistics/rx_packets) -gt $rx ]" "frame from the line not received"
+    systemctl stop serialtoeth && export SYSTEMCTL_SKIP_REDIRECT=1 # the init script itself, not systemctl
+    for action in start force-reload status stop; do /etc/init.d/serialtoeth $action >/dev/null || fail "init script $action"; done
+    [ "$(/etc/init.d/serialtoeth status >/dev/null; echo $?)" = 3 ] || fail "status after stop"
+    dpkg --purge serialtoeth >/dev/null && [ ! -e /etc/rc2.d/K01serialtoeth ] || fail "init script registered after purge"
+    echo "PASS"
+}
+"$S2E_SOURCE_DIR/tools/sdrun" --bind-ro "$work" --bind-ro "$S2E_TOOLS_DIR" bash -c "$(declare -f inside); inside $work/*.deb '$S2E_TOOLS_DIR'"

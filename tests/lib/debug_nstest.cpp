@@ -1,0 +1,347 @@
+// The debug unit: decorated printer, telnet terminal, log-server address, the log's console, file
+// and network sinks, hex and protocol message dumps, sub socket. Private namespaces: the debug file
+// is /root/dbg.txt. Peers are UDP sockets on 127.0.0.1.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "ProtocolMsg.h"
+#include "TestSupport.h"
+#include "debug.h"
+
+namespace {
+
+using s2etest::FdCapture;
+using s2etest::readFile;
+
+DebugPeerAddr peerAt(uint16_t basePort, const char* address) {
+    DebugPeerAddr peer{0xA5, basePort, {}};
+    snprintf(peer.address, sizeof peer.address, "%s", address);
+    return peer;
+}
+
+class Debug : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        if (netLogEnabled) closeNetLog();
+        if (subSocketEnabled) closeSubSocket();
+        debugLevel = 0;
+        unlink(kDebugFilePath);
+    }
+    s2etest::UdpPeer peer;
+    const DebugPeerAddr loopback = peerAt(peer.port() + 2, "127.0.0.1");
+};
+
+TEST_F(Debug, DecoratedLinesTelnetTerminalAndLogServer) {
+    FdCapture out;
+    std::string want;
+    const char* names[] = {"ERROR   ", "WARNING ", "INFO    ", "DEBUG   ", "", ""};
+    for (const time_t start = time(nullptr); time(nullptr) == start;) usleep(1000);  // one second
+    for (int level : {0, 1, 2, 3, 4, -1}) {
+        char date[32];
+        const time_t now = time(nullptr);
+        strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", localtime(&now));
+        debugPrint(level, "x.cpp", level * 7, "m 100%%");
+        if (level >= 0 && level < 4) {
+            want += std::string("[SLAVE][") + date + "]" + names[level] + ":[x.cpp,L" +
+                    std::to_string(level * 7) + "]m 100%\n";
+        }
+    }
+    printMaxLevel = 1;
+    debugPrint(2, "x.cpp", 1, "above the maximum");
+    printFilterOn = 0;
+    debugPrint(3, "x.cpp", 1, "filter off");
+    printFilterOn = 1, printMaxLevel = 3;
+    EXPECT_STREQ(telnetLogPath, "/dev/pts/0");
+    telnetLogPath = "/root/pts0";  // opened once, closed by an empty write, reopened afresh
+    telnetLogWrite("first ");
+    telnetLogWrite("second\n");
+    EXPECT_EQ(readFile("/root/pts0"), "first second\n");
+    telnetLogWrite("");
+    EXPECT_EQ(telnetLogOpen.load() + (telnetLogFile == nullptr), 1);
+    telnetLogWrite("again\n");
+    EXPECT_EQ(readFile("/root/pts0"), "again\n");
+    telnetLogPath = "/root/no/pts";
+    telnetLogWrite("");
+    telnetLogWrite("lost");
+    telnetLogPath = "/dev/pts/0";
+    // The configured server: first octet on top, the port's low 16 bits; unusable pairs refused.
+    EXPECT_EQ((logServerIp >> 16) + logServerPort, 0xC0A8u + 23) << "in 192.168/16, port 23";
+    const uint32_t defaultIp = logServerIp;
+    logServerIp = 0x0A010203u, logServerPort = 0x12345u;
+    EXPECT_EQ(setTelnetLogServer(), 0);
+    EXPECT_EQ(logServerAddr.sin_addr.s_addr + ntohs(logServerAddr.sin_port),
+              inet_addr("10.1.2.3") + 0x2345);
+    logServerAddr.sin_port = 0;
+    EXPECT_EQ(setTelnetLogServer(), 0);
+    EXPECT_EQ(logServerAddr.sin_port, 0) << "an unchanged pair is not applied again";
+    for (uint32_t ip : {0u, 0xFFFFFFFFu, 1u, 1u}) {
+        logServerPort = ip == 1 ? (logServerPort == 0 ? 0xFFFFFFFFu : 0) : 23;
+        logServerIp = ip;
+        EXPECT_EQ(setTelnetLogServer(), -1);
+    }
+    EXPECT_EQ(logServerAddr.sin_addr.s_addr, inet_addr("10.1.2.3"));
+    logServerIp = defaultIp, logServerPort = 23;
+    EXPECT_EQ(out.text(),
+              want + "[SLAVE]" + want.substr(7, 21) + "DEBUG   :[x.cpp,L1]filter off\n" +
+                  "Close  telnet log terminal.\nClose  telnet log terminal.\nOpen " +
+                  "/root/no/pts failed\ninvalid addr = 0x0 or port = 0x17\n" +
+                  "invalid addr = 0xffffffff or port = 0x17\ninvalid addr = 0x1 or port = 0x0\n" +
+                  "invalid addr = 0x1 or port = 0xffffffff\n");
+}
+
+TEST_F(Debug, ConsoleAndTheFileOfTheLatestFlaggedMessage) {
+    FdCapture out;
+    debugLog(LOG_WARNING, "warning\n");
+    debugLog(0x0000FFFFu, "low half 0xFFFF is level 65535, not -1\n");
+    debugLog(0x27120000u, "pool tag is level 0\n");
+    EXPECT_NE(access(kDebugFilePath, F_OK), 0) << "only the tag 0xFFFF writes the file";
+    debugLog(LOG_TO_FILE | LOG_ERROR, "flagged %d\n", 1);
+    EXPECT_EQ(readFile(kDebugFilePath), "flagged 1\n");
+    debugLog(LOG_TO_FILE | LOG_WARNING, "flagged but filtered\n");
+    debugLevel = 2;
+    debugLog(LOG_INFO, "info at 2\n");
+    debugLog(LOG_DEBUG, "debug at 2\n");
+    debugLog(LOG_TO_FILE, "%s", std::string(1600, 'L').c_str());
+    EXPECT_EQ(readFile(kDebugFilePath), std::string(1499, 'L')) << "emptied, not appended";
+    ASSERT_EQ(openDebugFile(), 0);  // a stream left open loses one message, then recovers
+    debugLog(LOG_TO_FILE, "lost\n");
+    EXPECT_EQ(readFile(kDebugFilePath), "");
+    ASSERT_EQ(unlink(kDebugFilePath) + mkdir(kDebugFilePath, 0700), 0);
+    EXPECT_EQ(openDebugFile(), -1);
+    rmdir(kDebugFilePath);
+    debugLog(LOG_TO_FILE, "kept\n");
+    EXPECT_EQ(readFile(kDebugFilePath), "kept\n");
+    EXPECT_EQ(out.text(), "pool tag is level 0\nflagged 1\ninfo at 2\n" + std::string(1499, 'L') +
+                              "lost\nkept\n");
+}
+
+// One network sink session: refusals, translation and cut of the datagrams, the close.
+TEST_F(Debug, NetworkSink) {
+    for (const DebugPeerAddr& bad :
+         {peerAt(0, "127.0.0.1"), peerAt(5000, "0.0.0.0"), peerAt(5000, "255.255.255.255"),
+          peerAt(5000, "127.0.0.300")}) {
+        EXPECT_EQ(openNetLog(&bad), -1);
+    }
+    EXPECT_EQ(openNetLog(nullptr) + openNetLog(&loopback), -1);
+    const DebugPeerAddr other = peerAt(5000, "127.0.0.2");
+    EXPECT_EQ(openNetLog(&other), 0) << "already on: the first peer stays";
+    std::ofstream(kDebugFilePath) << "before\n";
+    FdCapture out;
+    std::string console;
+    for (const auto& [message, datagram] : std::vector<std::pair<std::string, std::string>>{
+             {"a~b\n", "a b\r\n"},
+             {"line\r\n", "line\r\n"},
+             {"~~x\r~\n", "  x\r \r\n"},
+             {"", ""},
+             {std::string(1200, 'c'), std::string(1000, 'c')},
+             {std::string(999, 'd') + "\n", std::string(999, 'd') + "\r\n"},
+             {std::string(1000, 'e') + "\n", std::string(1000, 'e')}}) {
+        debugLog(LOG_ERROR, "%s", message.c_str());
+        console += message;
+        EXPECT_EQ(peer.receive(), datagram) << message.size();
+    }
+    debugLog(LOG_WARNING, "filtered\n");
+    debugLog(LOG_TO_FILE | LOG_ERROR, "flagged\n");
+    EXPECT_EQ(peer.receive(), "flagged\r\n") << "the filtered message was not sent";
+    EXPECT_EQ(readFile(kDebugFilePath), "before\n") << "network mode never writes the file";
+    EXPECT_EQ(out.text(), console + "flagged\n");
+    debugLevel = 3;
+    EXPECT_EQ(closeNetLog(), 0);
+    debugLog(LOG_ERROR, "after close\n");
+    EXPECT_EQ(netLogEnabled + netLogSocket + debugLevel, -1) << "off, released, threshold reset";
+    bool got = true;
+    while (got && peer.receive(&got, 200) != "after close\r\n") {
+    }
+    EXPECT_FALSE(got);
+}
+
+std::string lowerHex(const uint8_t* bytes, size_t from, size_t to) {
+    std::string text;
+    char cell[4];
+    for (size_t i = from; i < to; ++i) snprintf(cell, sizeof cell, "%02x ", bytes[i]), text += cell;
+    return text;
+}
+
+TEST_F(Debug, HexDumps) {
+    ASSERT_EQ(openNetLog(&loopback), 0);
+    uint8_t b[700];
+    for (size_t i = 0; i < 700; ++i) b[i] = uint8_t(i * 7 + 0xF0);
+    // Datagram lines hold bytes 0-60, 61-120, ...; the text is cut after position 2039.
+    for (size_t n : {0, 2, 200, 671, 700}) {
+        std::string want = "\n\r";
+        for (size_t from = 0, to = 61; from < std::min<size_t>(n, 672); from = to, to += 60) {
+            want += lowerHex(b, from, std::min<size_t>({to, n, 672})) + (to <= n ? "\n\r" : "");
+        }
+        EXPECT_EQ(sendHexDump(b, uint32_t(n)), ssize_t(want.size() + 2)) << n;
+        EXPECT_EQ(peer.receive(), want + "\n\r") << n;
+    }
+    FdCapture out;
+    debugLevel = 1;
+    dumpBytes(b, 45);
+    dumpBytesAt(b, 10);
+    debugLevel = 2;
+    dumpBytes(b, 25);
+    EXPECT_EQ(peer.receive(), "\n\r" + lowerHex(b, 0, 25) + "\n\r")
+        << "the level-1 dump sent nothing";
+    dumpBytes(b, -3);
+    dumpBytesAt(b, 10);
+    dumpBytesAt(b, 0);
+    char at[2][32];
+    snprintf(at[0], 32, "%p", static_cast<void*>(b));
+    snprintf(at[1], 32, "%p", static_cast<void*>(b + 8));
+    EXPECT_EQ(
+        out.text(),
+        std::string("len 25: \nF0 F7 FE 05 0C 13 1A 21 28 2F 36 3D 44 4B 52 59 60 67 6E 75 ") +
+            "\n7C 83 8A 91 98 \nlen -3: \n\n\n" + at[0] + " : F0 F7 FE 05 0C 13 1A 21 \n" + at[1] +
+            " : 28 2F \n\n");
+}
+
+// Callers fill the record by these names, and the dump's line order is the record's field order.
+TEST(ProtocolMsg, FieldOffsets) {
+#define AT(field, offset) \
+    { offsetof(S_ProtocolMsg, field), offset }
+    const std::pair<size_t, size_t> rows[] = {AT(srcDeviceID, 1),
+                                              AT(srcProtocol, 3),
+                                              AT(srcNPA, 4),
+                                              AT(srcNPB, 4),
+                                              AT(srcNPC, 4),
+                                              AT(destDeviceID, 36),
+                                              AT(destProtocol, 38),
+                                              AT(destNPA, 39),
+                                              AT(destNPB, 39),
+                                              AT(destNPC, 39),
+                                              AT(pdataLen, 71),
+                                              AT(pdata, 73),
+                                              AT(srcNPA.stationNum, 5),
+                                              AT(srcNPA.deviceNum, 9),
+                                              AT(srcNPA.pkgNum, 10),
+                                              AT(srcNPA.control, 12),
+                                              AT(srcNPA.mcpID, 13),
+                                              AT(srcNPB.srcDeviceNum, 9),
+                                              AT(srcNPB.destStationNum, 10),
+                                              AT(srcNPB.destDeviceNum, 14),
+                                              AT(srcNPB.pkgNum, 15),
+                                              AT(srcNPB.control, 17),
+                                              AT(srcNPB.mcpID, 18),
+                                              AT(srcNPC.moduleNum, 5),
+                                              AT(srcNPC.moduleType, 6),
+                                              AT(srcNPC.mcpID, 7),
+                                              AT(destNPA.mcpID, 48),
+                                              AT(destNPB.mcpID, 53),
+                                              AT(destNPC.mcpID, 42)};
+#undef AT
+    for (const auto& row : rows) EXPECT_EQ(row.first, row.second) << &row - rows;
+    EXPECT_EQ(sizeof(S_ProtocolMsg), 81u);
+}
+
+// The lines of one address variant: "  name", blanks up to the value's column, "value \n".
+std::string variant(const std::string& prefix, size_t column, const char* names,
+                    const char* values) {
+    std::istringstream n(names), v(values);
+    std::string text, name, value;
+    while (n >> name && v >> value)
+        text += "  " + prefix + name + std::string(column - 2 - prefix.size() - name.size(), ' ') +
+                value + " \n";
+    return text;
+}
+
+TEST_F(Debug, ProtocolMessageDumpByVariantAndLevel) {
+    const char *a = "npID stationNum deviceNum pkgNum control mcpID",
+               *av = "11 01020304 05 0607 08 09";
+    const char* b =
+        "npID srcStationNum srcDeviceNum destStationNum destDeviceNum pkgNum control mcpID";
+    const char *bv = "21 a1b2c3d4 22 00000010 23 beef 24 25",
+               *c = "npID moduleNum moduleType mcpID";
+    const uint8_t data[21] = {0xF0, 0xF7, 0xFE};
+    auto message = [&](uint8_t src, uint8_t dest, uint16_t len) {
+        S_ProtocolMsg m;
+        memset(&m, 0xEE, sizeof m);
+        m.pkgType = 0x5A, m.srcDeviceID = 0x1234, m.destDeviceID = 0xABCD;
+        m.srcProtocol = src, m.destProtocol = dest, m.pdataLen = len,
+        m.pdata = const_cast<uint8_t*>(data);
+        const S_NPA npa{0x11, 0x01020304, 0x05, 0x0607, 0x08, 0x09};
+        const S_NPB npb{0x21, 0xA1B2C3D4, 0x22, 0x10, 0x23, 0xBEEF, 0x24, 0x25};
+        const S_NPC npc{0x31, 0x32, 0x33, 0x34};
+        (src & 15) == 1   ? void(m.srcNPA = npa)
+        : (src & 15) == 2 ? void(m.srcNPB = npb)
+                          : void(m.srcNPC = npc);
+        (dest & 15) == 1   ? void(m.destNPA = npa)
+        : (dest & 15) == 2 ? void(m.destNPB = npb)
+                           : void(m.destNPC = npc);
+        return m;
+    };
+    auto head = [](const char* src, const std::string& srcLines, const char* dest,
+                   const std::string& destLines) {
+        return std::string("\nS_ProtocolMsg content:  pkgType  5a  ---------\n--srcProtocol  ") +
+               src + " \n  srcDeviceID  1234 \n" + srcLines + "--destProtocol  " + dest +
+               " \n  destDeviceID  abcd \n" + destLines;
+    };
+    std::string len21 = "--pdata: len 21: \nF0 F7 FE ";
+    for (int i = 0; i < 17; ++i) len21 += "00 ";
+    len21 += "\n00 \n\n";
+    const S_ProtocolMsg rows[] = {message(0x01, 0x42, 3), message(0x13, 0x31, 0),
+                                  message(0x04, 0x03, 21)};
+    FdCapture out;
+    dumpProtocolMsg(&rows[0]);  // level 0: nothing
+    debugLevel = 1;             // addresses, no data
+    dumpProtocolMsg(&rows[2]);
+    debugLevel = 2;
+    for (const S_ProtocolMsg& m : rows) dumpProtocolMsg(&m);
+    EXPECT_EQ(out.text(),
+              head("04", "", "03", variant("destNPC.", 26, c, "31 32 33 34")) + "--pdata: \n" +
+                  head("01", variant("srcNPA.", 25, a, av), "42", variant("destNPB.", 26, b, bv)) +
+                  "--pdata: len 3: \nF0 F7 FE \n\n" +
+                  head("13", variant("srcNPC.", 24, c, "31 32 33 34"), "31",
+                       variant("destNPA.", 26, a, av)) +
+                  "--pdata: len 0: \n\n\n" +
+                  head("04", "", "03", variant("destNPC.", 26, c, "31 32 33 34")) + len21);
+}
+
+// The sub socket: its private default is only checked, never sent to. Then creation failures.
+TEST_F(Debug, SubSocketAndSocketCreationFailures) {
+    const uint8_t byte = 1;
+    EXPECT_EQ(sendHexDump(&byte, 1) + subSocketPrintf("off %d\n", 1), -2) << "no sockets yet";
+    ASSERT_EQ(openSubSocket(nullptr), 0);
+    EXPECT_EQ((ntohl(subSocketDest.sin_addr.s_addr) >> 16) + ntohs(subSocketDest.sin_port),
+              0xC0A8u + 9998);
+    const in_addr_t defaultAddress = subSocketDest.sin_addr.s_addr;
+    const DebugPeerAddr broadcast = peerAt(5000, "255.255.255.255"),
+                        sub = peerAt(peer.port() + 1, "127.0.0.1");
+    ASSERT_EQ(openSubSocket(&broadcast), 0);
+    EXPECT_EQ(subSocketDest.sin_addr.s_addr + ntohs(subSocketDest.sin_port), defaultAddress + 9998);
+    ASSERT_EQ(openSubSocket(&sub), 0);
+    FdCapture out;
+    EXPECT_EQ(subSocketPrintf("a=%d~\n", 5), 0);
+    EXPECT_EQ(peer.receive(), "a=5~\n") << "sent as formatted, untranslated";
+    debugLevel = 1;
+    EXPECT_EQ(subSocketPrintf("%s", std::string(1600, 's').c_str()) + subSocketPrintf("%s", ""), 0);
+    EXPECT_EQ(peer.receive(), std::string(1499, 's'));
+    bool got = false;
+    EXPECT_EQ(peer.receive(&got), "");
+    EXPECT_TRUE(got) << "an empty message is an empty datagram";
+    EXPECT_EQ(closeSubSocket(), 0);
+    EXPECT_EQ(subSocketEnabled + subSocket + debugLevel, 0) << "off, released, threshold kept";
+    EXPECT_EQ(subSocketPrintf("closed\n"), -1);
+    EXPECT_EQ(out.text(), std::string(1499, 's'));
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    const rlimit tight{rlim_t(lowestFree), saved.rlim_max};
+    FdCapture err(STDERR_FILENO), msg;
+    setrlimit(RLIMIT_NOFILE, &tight);
+    EXPECT_EQ(openNetLog(&loopback) + openSubSocket(&sub), -2);
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(
+        err.text(),
+        "Creat Morlan socket : Too many open files\nCreat sub socket : Too many open files\n");
+    std::string where = msg.text();
+    where.erase(std::remove_if(where.begin(), where.end(), ::isdigit), where.end());
+    EXPECT_EQ(where, "Msg: debug.cpp,(): Msg: debug.cpp,(): ");
+    EXPECT_EQ(netLogEnabled + subSocketEnabled + netLogSocket + subSocket, -2);
+}
+
+}  // namespace

@@ -18,6 +18,8 @@
 #                     treated as flaky as well.
 #   --confirm N       runs of a flaky test that must all fail to confirm a catch (default 5)
 #   --jobs N          ctest parallel level (default: the preset's)
+#   --tests REGEX     run only the ctest entries matching REGEX (to see what one group of tests
+#                     catches on its own)
 #   --src DIR         tree to mutate (default: the repository holding this script); tracked and
 #                     untracked-but-not-ignored files are copied, uncommitted edits included
 #   --mutants FILE    mutant list (default: mutants.txt beside this script)
@@ -55,6 +57,7 @@ while [ $# -gt 0 ]; do
         --flaky) flaky_re=${2:?}; shift 2 ;;
         --confirm) confirm=${2:?}; shift 2 ;;
         --jobs) jobs=(-j "${2:?}"); shift 2 ;;
+        --tests) jobs+=(-R "${2:?}"); shift 2 ;;
         --src) src=$(cd "${2:?}" && pwd) || exit 1; shift 2 ;;
         --mutants) mutants=$(realpath "${2:?}") || exit 1; shift 2 ;;
         --logs) mkdir -p "${2:?}" && logdir=$(cd "$2" && pwd) || exit 1; shift 2 ;;

@@ -56,7 +56,7 @@ while [ $# -gt 0 ]; do
         --repeat) repeat=${2:?}; shift 2 ;;
         --flaky) flaky_re=${2:?}; shift 2 ;;
         --confirm) confirm=${2:?}; shift 2 ;;
-        --jobs) jobs=(-j "${2:?}"); shift 2 ;;
+        --jobs) jobs+=(-j "${2:?}"); shift 2 ;;
         --tests) jobs+=(-R "${2:?}"); shift 2 ;;
         --src) src=$(cd "${2:?}" && pwd) || exit 1; shift 2 ;;
         --mutants) mutants=$(realpath "${2:?}") || exit 1; shift 2 ;;

@@ -1,8 +1,8 @@
-// The bridge in this process, in private namespaces: its start-up texts and thread banners, frames
-// both ways byte for byte against the wire format written out here, partial and refused serial
-// writes, and the address helpers. The serial node is a pseudo-terminal: open()
-// and write() defined here hand it out for "/dev/zynq_uart0" and cut or refuse writes to it, and
-// pass every other call on to the next definition (sanitizer runtime or C library).
+// The bridge in this process, in private namespaces: frames both ways byte for byte against the
+// wire format written out here, partial and refused serial writes, the busy interface and the
+// address helpers. The serial node is a pseudo-terminal: open() and write() defined here hand it
+// out for "/dev/zynq_uart0" and cut or refuse writes to it, and pass every other call on to the
+// next definition (sanitizer runtime or C library).
 #ifdef _FORTIFY_SOURCE
 #undef _FORTIFY_SOURCE  // its inline open() wrapper would clash with the definition below
 #endif
@@ -17,13 +17,12 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <thread>
 
 #include "SerialToEth.h"
 #include "TestSupport.h"
 
 namespace {
-char serialPath[128];           // where "/dev/zynq_uart0" leads; empty: no such node
+char serialPath[128];           // where "/dev/zynq_uart0" leads
 std::atomic<int> serialFd{-1};  // the port's descriptor
 std::atomic<int> writeMode{0};  // 0: whole writes; 1: every other write takes 10 bytes; 2: none
 std::atomic<unsigned> writeCalls{0};  // in modes 1 and 2
@@ -41,9 +40,7 @@ extern "C" int open(const char* path, int flags, ...) {
     va_end(args);
     auto real = next<int (*)(const char*, int, ...)>("open");
     if (strcmp(path, "/dev/zynq_uart0") != 0) return real(path, flags, mode);
-    if (serialPath[0] == '\0') return errno = ENOENT, -1;
-    serialFd = real(serialPath, flags, mode);
-    return serialFd;
+    return serialFd = real(serialPath, flags, mode);
 }
 
 // A library built with _FORTIFY_SOURCE calls this for open() with two arguments.
@@ -62,9 +59,8 @@ extern "C" ssize_t write(int fd, const void* data, size_t n) {
 // "killall udhcpc" stops the stand-in DHCP client: the descriptor that holds a TAP interface.
 std::atomic<int> dhcpClientHolds{-1};
 extern "C" int system(const char* command) {
-    if (strcmp(command, "killall udhcpc") == 0 && dhcpClientHolds >= 0) {
+    if (strcmp(command, "killall udhcpc") == 0 && dhcpClientHolds >= 0)
         return close(dhcpClientHolds.exchange(-1));
-    }
     return next<int (*)(const char*)>("system")(command);
 }
 
@@ -106,13 +102,8 @@ class Bridge : public ::testing::Test {
         cfmakeraw(&raw);
         ASSERT_EQ(openpty(&master, &slave, serialPath, &raw, nullptr), 0);
         fcntl(master, F_SETFL, O_NONBLOCK);
-        s2etest::FdCapture out;
         bridge = new SerialToEth;
         bridge->run();
-        for (int i = 0; i < 3000 && out.peek().find("startUp!\n") == std::string::npos; ++i)
-            usleep(20000);
-        usleep(200000);  // the banners of the reader threads
-        startup = new std::string(out.text());
         packet = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
         tap.sll_family = AF_PACKET, tap.sll_protocol = htons(ETH_P_ALL), tap.sll_halen = 6;
         tap.sll_ifindex = int(if_nametoindex("uart2eth0"));
@@ -158,33 +149,12 @@ class Bridge : public ::testing::Test {
         return frames;
     }
     static SerialToEth* bridge;
-    static std::string* startup;
     static int master, slave, packet;
     static sockaddr_ll tap;
 };
 SerialToEth* Bridge::bridge = nullptr;
-std::string* Bridge::startup = nullptr;
 int Bridge::master = -1, Bridge::slave = -1, Bridge::packet = -1;
 sockaddr_ll Bridge::tap{};
-
-// The other start-up texts are checked on the whole daemon; here the banners' exact padding.
-TEST_F(Bridge, ThreadBannersAndLineSpeed) {
-    const std::string pid = std::to_string(getpid());
-    for (const char* banner :
-         {"Thread: Serial1 Snd           pid ", "Thread:TUN RX                pid "}) {
-        const size_t at = startup->find(banner + pid + " tid ");
-        ASSERT_NE(at, std::string::npos) << banner << " in:\n" << *startup;
-        unsigned long tid = 0, hex = 1;
-        char end = 0;
-        sscanf(startup->c_str() + at + strlen(banner) + pid.size(), " tid %lu (0x%lx)%c", &tid,
-               &hex, &end);
-        EXPECT_EQ(tid, hex);
-        EXPECT_EQ(end, '\n');
-    }
-    termios line{};
-    tcgetattr(slave, &line);  // 576000 baud; qemu-user reads speeds above 460800 back as B0
-    EXPECT_TRUE(cfgetospeed(&line) == B576000 || cfgetospeed(&line) == B0) << cfgetospeed(&line);
-}
 
 // Short (padded to 64 on the line), minimum, typical and full-size frames, in order, while every
 // other write of the port takes only 10 bytes: each write must go on from where the last stopped.
@@ -192,8 +162,7 @@ TEST_F(Bridge, FramesFromTheInterfaceLeaveOnTheLineExactlyAcrossPartialWrites) {
     Bytes expected;
     writeMode = 1;
     for (size_t length : {42, 60, 64, 333, 1514}) {
-        const Bytes frame = ethernetFrame(length, uint8_t(length));
-        const Bytes wire = serialFrame(frame);
+        const Bytes frame = ethernetFrame(length, uint8_t(length)), wire = serialFrame(frame);
         expected.insert(expected.end(), wire.begin(), wire.end());
         sendIntoTap(frame);
     }
@@ -202,24 +171,19 @@ TEST_F(Bridge, FramesFromTheInterfaceLeaveOnTheLineExactlyAcrossPartialWrites) {
     writeMode = 0;
 }
 
+// Noise, a frame too short and one too long are dropped; the payload keeps its padding.
 TEST_F(Bridge, LineBytesArriveOnTheInterfaceAsFrames) {
-    const Bytes a = ethernetFrame(60, 10), b = ethernetFrame(64, 11), c = ethernetFrame(1514, 12),
-                d = ethernetFrame(98, 13);
-    Bytes stream{0x00, 0x13, 0xA5, 0xFF, 0x5D};  // noise before the first flag
-    for (const Bytes& part :
-         {serialFrame(a), serialFrame(b), Bytes{0x7E, 0x7E, 0x7E},
-          Bytes{0x7E, 0xFF, 0xFF, 0xFF, 0xFF, 1, 2, 3, 0x7E},  // payload too short
-          serialFrame(c), serialFrame(Bytes(3200, 0x11)),      // frame too long
-          serialFrame(d), Bytes{0x42, 0x42}, serialFrame(a)}) {
+    const Bytes a = ethernetFrame(60, 10), c = ethernetFrame(1514, 12);
+    Bytes stream{0x00, 0x13, 0xA5, 0xFF, 0x5D}, padded = a;
+    for (const Bytes& part : {serialFrame(a), Bytes{0x7E, 0xFF, 0xFF, 0xFF, 0xFF, 1, 2, 3, 0x7E},
+                              serialFrame(Bytes(3200, 0x11)), serialFrame(c)})
         stream.insert(stream.end(), part.begin(), part.end());
-    }
     for (size_t off = 0; off < stream.size();) {
         const ssize_t n = ::write(master, stream.data() + off, stream.size() - off);
         n > 0 ? off += size_t(n) : usleep(1000);
     }
-    Bytes padded = a;
     padded.resize(64, 0);
-    EXPECT_EQ(receive(6, 5), (std::vector<Bytes>{padded, b, c, d, padded}));
+    EXPECT_EQ(receive(2, 5), (std::vector<Bytes>{padded, c}));
 }
 
 // A line that takes nothing: a frame costs 100 write attempts and is reported with its whole
@@ -232,10 +196,9 @@ TEST_F(Bridge, FramesForALineThatTakesNothingAreReportedAndDropped) {
     sendIntoTap(Bytes(1000, 0x11));  // 1006 bytes once framed
     for (int i = 0; i < 500 && out.peek().find(unsent) == std::string::npos; ++i) usleep(10000);
     EXPECT_EQ(writeCalls.load(), 100u);
-    for (auto end = Clock::now() + 30s;
-         Clock::now() < end && out.peek().find(discard) == std::string::npos;) {
-        for (int i = 0; i < 50; ++i) sendIntoTap(Bytes(1000, 0x11));
-        std::this_thread::sleep_for(100ms);
+    for (int i = 0; i < 300 && out.peek().find(discard) == std::string::npos; ++i) {
+        for (int k = 0; k < 50; ++k) sendIntoTap(Bytes(1000, 0x11));
+        usleep(100000);
     }
     writeMode = 0;
     const std::string text = out.text();
@@ -255,34 +218,26 @@ TEST_F(Bridge, BusyInterfaceIsTakenAfterStoppingTheDhcpClient) {
     strcpy(ifr.ifr_name, "s2ebusy0");
     dhcpClientHolds = open("/dev/net/tun", O_RDWR);
     ASSERT_EQ(ioctl(dhcpClientHolds, TUNSETIFF, &ifr), 0);
-    char name[IFNAMSIZ] = "s2ebusy0";
     attaching = true;
-    const int fd = bridge->tun_alloc(name, IFF_TAP);
+    const int fd = bridge->tun_alloc(ifr.ifr_name, IFF_TAP);
     attaching = false;
     EXPECT_GE(fd, 0);
     EXPECT_EQ(dhcpClientHolds, -1) << "the client was not stopped";
     close(fd);
 }
 
-// The address helpers, on the bridge's own interface; a missing one leaves the outputs alone.
-TEST_F(Bridge, AddressHelpers) {
+TEST_F(Bridge, AddressHelpersOnTheBridgesInterface) {
     const uint8_t mac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-    uint8_t got[6] = {1, 2, 3, 4, 5, 6};
-    char ip[INET_ADDRSTRLEN] = "kept";
-    s2etest::FdCapture err(STDERR_FILENO), out;
-    bridge->getMac("nosuch0", got);
-    bridge->getIp("nosuch0", ip);
-    EXPECT_EQ(Bytes(got, got + 6), (Bytes{1, 2, 3, 4, 5, 6}));
-    EXPECT_STREQ(ip, "kept");
+    uint8_t got[6] = {};
+    char ip[INET_ADDRSTRLEN] = "";
+    s2etest::FdCapture out;
     bridge->setIp("uart2eth0", "10.77.0.9");
     bridge->setMac("uart2eth0", mac);
+    EXPECT_EQ(out.text(), "Set interface ip is 10.77.0.9\nSet interface MAC 02:11:22:33:44:55\n");
     bridge->getIp("uart2eth0", ip);
     bridge->getMac("uart2eth0", got);
     EXPECT_STREQ(ip, "10.77.0.9");
     EXPECT_EQ(Bytes(got, got + 6), Bytes(mac, mac + 6));
-    EXPECT_EQ(out.text(), "Set interface ip is 10.77.0.9\nSet interface MAC 02:11:22:33:44:55\n");
-    EXPECT_EQ(err.text(), "ERR(SerialToEth::getMac): No such device\n"
-                          "ERR(SerialToEth::getMac): No such device\n");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Helpers shared by every test program: output capture, files, a loopback UDP peer, child
-// processes, System V queues and the check that a test runs in the private namespaces of nsrun.
+// processes, System V queues, and a test run again in a process of its own.
 #pragma once
 
 #include <arpa/inet.h>
@@ -17,6 +17,16 @@
 
 namespace s2etest {
 
+inline std::string readFile(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+// What was written so far to the open (or unlinked) file of a stream.
+inline std::string contents(FILE* file) {
+    return fflush(nullptr), readFile("/proc/self/fd/" + std::to_string(fileno(file)));
+}
+
 // Sends a descriptor (standard output by default) into a temporary file until text() is called.
 class FdCapture {
   public:
@@ -32,13 +42,7 @@ class FdCapture {
     FdCapture(const FdCapture&) = delete;
     FdCapture& operator=(const FdCapture&) = delete;
     // What was written so far; the capture goes on.
-    std::string peek() const {
-        fflush(nullptr);
-        std::string out(1 << 20, '\0');
-        const ssize_t n = pread(fileno(file_), &out[0], out.size(), 0);
-        out.resize(n > 0 ? size_t(n) : 0);
-        return out;
-    }
+    std::string peek() const { return contents(file_); }
     std::string text() {
         restore();
         return peek();
@@ -60,15 +64,9 @@ class FdCapture {
 template <typename Body>
 std::string captureStdout(Body&& body) {
     FdCapture capture;
-    body();
-    return capture.text();
+    return body(), capture.text();
 }
 
-inline std::string readFile(const std::string& path) {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
-}
 
 // A UDP socket on 127.0.0.1 and a free port: the only kind of peer tests ever send to.
 class UdpPeer {
@@ -98,17 +96,16 @@ class UdpPeer {
     uint16_t port_ = 0;
 };
 
-// Runs `body` in a forked child whose standard output (and error, when asked) goes to a file; a
-// wedged child dies by SIGALRM. status() is the exit code, or 128 + the signal that ended it.
+// Runs `body` in a forked child whose standard output goes to a file; a wedged child dies by
+// SIGALRM. status() is the exit code, or 128 + the signal that ended it.
 class Child {
   public:
     template <typename Body>
-    explicit Child(Body body, bool withStderr = false) : out_(tmpfile()) {
+    explicit Child(Body body) : out_(tmpfile()) {
         fflush(nullptr);
         pid = fork();
         if (pid != 0) return;
         dup2(fileno(out_), STDOUT_FILENO);
-        if (withStderr) dup2(fileno(out_), STDERR_FILENO);
         alarm(20);
         body();
         fflush(nullptr);
@@ -120,12 +117,7 @@ class Child {
         if (pid <= 0 || waitpid(pid, &s, 0) != pid) return -1;
         return WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
     }
-    std::string output() const {
-        std::string text(1 << 16, '\0');
-        const ssize_t n = pread(fileno(out_), &text[0], text.size(), 0);
-        text.resize(n > 0 ? size_t(n) : 0);
-        return text;
-    }
+    std::string output() const { return contents(out_); }
     pid_t pid;
 
   private:
@@ -142,10 +134,6 @@ inline msqid_ds queueStat(int id) {
     msgctl(id, IPC_STAT, &ds);
     return ds;
 }
-
-// True when this process runs in the namespaces tools/nsrun makes: its mount table shows nsrun's
-// private tmpfs over /root, which can exist only in a mount namespace of nsrun's making.
-bool inPrivateNamespaces();
 
 // Runs this test program again, with only the current test selected and S2E_CHILD=role in its
 // environment; returns the exit status, or -1. For a test that needs a fresh process.

@@ -164,6 +164,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in(data, size);
     const uint8_t config = in.byte();
     const int32_t ringSize = (config & 1) ? 1024 : 16384;
+    // Sizes other than a power of two from 1024 to 131072 give the default 8192.
+    ByteRing probe;
+    const int32_t asked = (int32_t(config) - 8) * (1 << (config % 18));
+    ringCreate(&probe, asked);
+    const bool listed = asked >= 1024 && asked <= 131072 && (asked & (asked - 1)) == 0;
+    check(probe.size == (listed ? uint32_t(asked) : 8192u) && probe.mask == probe.size - 1);
+    ringDestroy(&probe);
     ByteRing frames, packets, reported;
     ringCreate(&frames, ringSize);
     ringCreate(&packets, ringSize);

@@ -9,6 +9,7 @@ trap 'for p in "${ours[@]}"; do kill -KILL "$p" 2>/dev/null || true; done; rm -r
 alive() { [ -d "/proc/$1" ] && ! grep -q '^State:[[:space:]]*Z' "/proc/$1/status" 2>/dev/null; }
 run() { # ACTION [RC [OUTPUT]]: sets out, rc, and pid while there is a pid file
     rc=0 && out=$("${shell[@]}" "$script" "$1" 2>&1) || rc=$?
+    sleep 0.2 # for the processes to start or go
     ! [ -f "$S2E_PIDFILE" ] || { pid=$(cat "$S2E_PIDFILE") && ours+=("$pid"); }
     [ $# = 1 ] || [ "$rc:$out" = "$2:${3:-$out}" ] || fail "[$shell_name] $1: $rc '$out', expected $2 '${3:-}'"
 }
@@ -34,10 +35,8 @@ for shell_name in "${shells[@]}"; do
     run start 0 "SerialToEth already running (pid $first)"
     run status 0 "SerialToEth is running (pid $first)"
     run restart 0
-    sleep 0.2
     [ "$pid" != "$first" ] && alive "$pid" && ! alive "$first" || fail "restart"
     run stop 0 "Stopping SerialToEth: OK"
-    sleep 0.2
     ! alive "$pid" && [ ! -e "$S2E_PIDFILE" ] || fail "stop left the daemon or its pid file"
     run stop 0 "SerialToEth not running"
     sleep 60 & # after a crash the recorded pid may be another program's: never signalled
@@ -51,7 +50,6 @@ for shell_name in "${shells[@]}"; do
     export S2E_DAEMON_BIN=$work/stubborn/SerialToEth # killed once the stop timeout has passed
     run start 0
     run stop
-    sleep 0.2
     ! alive "$pid" || fail "stubborn daemon survived stop"
     export S2E_DAEMON_BIN=$work/dies/SerialToEth
     run start 1 "Starting SerialToEth: FAIL (see $S2E_LOGFILE)"

@@ -17,19 +17,17 @@ static bool inPrivateNamespaces() {
     return false;
 }
 
-// The emulator prefix (empty for a native build), then this program, then `args`.
-std::vector<std::string> selfCommand(std::vector<std::string> args) {
+// Runs in place of this process: `first` (if any), the emulator prefix (empty for a native
+// build), this program, `args`.
+[[noreturn]] static void execSelf(const char* first, std::vector<std::string> args) {
     std::vector<std::string> words;
+    if (first != nullptr) words.push_back(first);
     std::istringstream emulator(S2E_EMULATOR_CMD);
     for (std::string word; emulator >> word;) words.push_back(word);
     char self[4096];
     const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     words.emplace_back(self, n > 0 ? size_t(n) : 0);
     words.insert(words.end(), args.begin(), args.end());
-    return words;
-}
-
-[[noreturn]] void execute(std::vector<std::string> words) {
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
     argv.push_back(nullptr);
@@ -43,10 +41,7 @@ int rerunCurrentTest(const char* role) {
     const std::string filter =
         std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
     const pid_t child = fork();
-    if (child == 0) {
-        setenv("S2E_CHILD", role, 1);
-        execute(selfCommand({filter}));
-    }
+    if (child == 0) setenv("S2E_CHILD", role, 1), execSelf(nullptr, {filter});
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
     return WEXITSTATUS(status);
@@ -61,9 +56,7 @@ int namespaceMain(int argc, char** argv) {
             return 1;
         }
         setenv("S2E_ENTERING_NAMESPACES", "1", 1);
-        std::vector<std::string> words = selfCommand({argv + 1, argv + argc});
-        words.insert(words.begin(), S2E_NSRUN);
-        execute(words);
+        execSelf(S2E_NSRUN, {argv + 1, argv + argc});
     }
     unsetenv("S2E_ENTERING_NAMESPACES");
     testing::InitGoogleTest(&argc, argv);

@@ -30,35 +30,23 @@ inline std::string contents(FILE* file) {
 // Sends a descriptor (standard output by default) into a temporary file until text() is called.
 class FdCapture {
   public:
-    explicit FdCapture(int fd = STDOUT_FILENO) : fd_(fd), file_(tmpfile()) {
-        fflush(nullptr);
-        saved_ = dup(fd_);
+    explicit FdCapture(int fd = STDOUT_FILENO)
+        : fd_(fd), file_(tmpfile()), saved_((fflush(nullptr), dup(fd))) {
         dup2(fileno(file_), fd_);
     }
-    ~FdCapture() {
-        restore();
-        fclose(file_);
-    }
+    ~FdCapture() { restore(), fclose(file_); }
     FdCapture(const FdCapture&) = delete;
-    FdCapture& operator=(const FdCapture&) = delete;
     // What was written so far; the capture goes on.
     std::string peek() const { return contents(file_); }
-    std::string text() {
-        restore();
-        return peek();
-    }
+    std::string text() { return restore(), peek(); }
 
   private:
     void restore() {
-        if (saved_ < 0) return;
-        fflush(nullptr);
-        dup2(saved_, fd_);
-        close(saved_);
-        saved_ = -1;
+        if (saved_ >= 0) fflush(nullptr), dup2(saved_, fd_), close(saved_), saved_ = -1;
     }
     int fd_;
     FILE* file_;
-    int saved_ = -1;
+    int saved_;
 };
 
 template <typename Body>
@@ -67,14 +55,11 @@ std::string captureStdout(Body&& body) {
     return body(), capture.text();
 }
 
-
 // A UDP socket on 127.0.0.1 and a free port: the only kind of peer tests ever send to.
 class UdpPeer {
   public:
     UdpPeer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
         bind(fd_, reinterpret_cast<sockaddr*>(&addr), len);
         getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);

@@ -216,7 +216,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint32_t room = ringFreeSpace(&frames);
             if ((op & 0x40) && uint32_t(len) < room) {
                 std::memset(scratch.data() + len, 0, room - uint32_t(len));
-                put(&frames, &packets, &reported, scratch.data() + len, uint16_t(room - uint32_t(len)));
+                put(&frames, &packets, &reported, scratch.data() + len,
+                    uint16_t(room - uint32_t(len)));
             }
             const uint32_t w = frames.writeIndex.load();
             const bool fits = n > 0 && len <= 4096 && uint32_t(len) <= ringFreeSpace(&frames);

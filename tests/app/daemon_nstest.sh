@@ -8,7 +8,6 @@ source "$S2E_SOURCE_DIR/tools/e2e-harness.sh"
 h_init
 export TSAN_OPTIONS="report_signal_unsafe=0 ${TSAN_OPTIONS:-}"  # the trap's exit(0) is by design
 EMU=("${H_RUN[@]}" "$S2E_TOOLS_DIR/supervisor_emu")
-pid=""
 fail() {
     echo "FAIL: $*" >&2
     for f in "$H_DIR"/*.out; do echo "--- $f" >&2; tail -n 20 "$f" >&2; done
@@ -33,7 +32,6 @@ start_daemon
 [ "$(field supervisorQueueId)" = "${line#*=}" ] || fail "supervisorQueueId changed"
 ipcs -m | awk '$1 == "0x00400007" && $5 == 24' | grep -q . || fail "no 24-byte status record at 0x400007"
 monitor_qid=$(field monitorQueueId)
-ipcs -q | awk -v id="$monitor_qid" '$2 == id { print $1 }' | grep -qx 0x00310000 || fail "monitor queue key"
 wait_until 5 count_above 0 || fail "msgCount did not rise with the first tick"
 count=$(field msgCount)
 "${EMU[@]}" refresh
@@ -41,8 +39,7 @@ wait_until 5 count_above "$count" || fail "msgCount did not rise on refresh"
 [ "$("${EMU[@]}" faults)" = "faults=0" ] || fail "report before any fault"
 # The endless sleep; a reader whose reads fail is paced (the driver prints a line per failed read,
 # so a spinning one floods).
-before=$(stat -c %s "$H_DIR/d.out")
-sleep 3
+before=$(stat -c %s "$H_DIR/d.out") && sleep 3
 [ $(($(stat -c %s "$H_DIR/d.out") - before)) -lt 16384 ] || fail "serial reader not paced"
 [ -n "${S2E_EMULATOR:-}" ] || grep -q '^State:.*S (sleeping)' "/proc/$pid/status" || fail "main thread not asleep"
 ip link show uart2eth0 | grep -q "[<,]UP[,>]" || fail "interface not up"
@@ -57,7 +54,7 @@ for fault in "SEGV 11 SIGSEGV:Memory access violation--Terminate with core dump"
     "ABRT 6 SIGABRT:Send by abort()--Terminate with core dump"; do
     read -r sig num text <<<"$fault"
     [ "$pid" ] || start_daemon
-    [ "$(field monitorQueueId)" = "$monitor_qid" ] || fail "record lost"
+    [ "$(field monitorQueueId)" = "$monitor_qid" ] || fail "record lost on restart"
     kill -"$sig" "$pid"
     rc=0 && wait "$pid" || rc=$?
     [ "$rc" = 0 ] || fail "exit status $rc after SIG$sig"
@@ -86,10 +83,8 @@ grep -qF "Rs232 open ok" "$(h_out a)" || fail "a: no 'Rs232 open ok'"
 wait_until 30 h_exec a ping -c 1 -W 1 10.99.0.2 >/dev/null 2>&1 || fail "no traffic"  # addresses known
 h_line_cmd "ber 0.001"
 h_line_cmd "drop 0.001"
-for i in 1 2 3; do
-    h_line_cmd "garbage 3000"
-    h_exec a timeout 5 ping -c 5 -i 0.2 -W 1 10.99.0.2 >/dev/null 2>&1 || true
-done
+h_line_cmd "garbage 3000"
+h_exec a timeout 5 ping -c 5 -i 0.2 -W 1 10.99.0.2 >/dev/null 2>&1 || true
 h_line_cmd "garbage 20000 ab"
 sleep 1
 h_line_cmd "clear"

@@ -47,12 +47,10 @@ for shell_name in "${shells[@]}"; do
     echo "garbage" >"$S2E_PIDFILE"
     run start 0
     run stop 0
-    export S2E_DAEMON_BIN=$work/stubborn/SerialToEth # killed once the stop timeout has passed
-    run start 0
+    S2E_DAEMON_BIN=$work/stubborn/SerialToEth run start 0 # killed once the stop timeout has passed
     run stop
     ! alive "$pid" || fail "stubborn daemon survived stop"
-    export S2E_DAEMON_BIN=$work/dies/SerialToEth
-    run start 1 "Starting SerialToEth: FAIL (see $S2E_LOGFILE)"
+    S2E_DAEMON_BIN=$work/dies/SerialToEth run start 1 "Starting SerialToEth: FAIL (see $S2E_LOGFILE)"
     [ ! -e "$S2E_PIDFILE" ] || fail "failed start kept a pid file"
     S2E_DAEMON_BIN=$work/missing/SerialToEth run start 5
     run reload 2

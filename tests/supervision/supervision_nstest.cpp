@@ -1,6 +1,5 @@
-// Supervision: the monitor's pass over its registry (steps called directly), refresh against the
-// timer manager, the fault trap in forked children and map table lookups in a real segment.
-// Private namespaces: the segment and queue keys are fixed.
+// Supervision: the monitor's steps called directly, the fault trap in forked children, map table
+// lookups in a real segment. Private namespaces: the segment and queue keys are fixed.
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 
@@ -12,7 +11,6 @@
 #include "Monitor.h"
 #include "ProcessContext.h"
 #include "TestSupport.h"
-#include "TimerManager.h"
 
 // The trap's handler ends with exit(0) and its normal exit processing by design; the thread
 // sanitizer would report that as a signal-unsafe call and change the status.
@@ -27,8 +25,7 @@ namespace {
 using s2etest::captureStdout;
 using Calls = std::vector<std::string>;
 
-// A supervised object, registered while it lives, whose heartbeat the test moves; it logs the
-// calls that matter.
+// A supervised object, registered while it lives; the test moves its heartbeat and reads its log.
 struct Fake : MonitoredObject {
     Fake(std::string n, Calls* l) : id(std::move(n)), log(l) { addMonitoredObject(this); }
     ~Fake() override { removeMonitoredObject(this); }
@@ -54,8 +51,8 @@ long count(const Calls& log, const char* entry) {
 }
 
 // A stuck heartbeat is missed on every tick; the third miss stops and restarts the object and the
-// recorded counter is kept, so the next kill comes three ticks later. Progress resets the count.
-TEST(Monitor, StuckObjectsAreRestartedEveryThirdTick) {
+// recorded counter is kept. Progress resets the count. A refresh reaches every object in order.
+TEST(Monitor, StuckObjectsAreRestartedEveryThirdTickAndRefreshReachesAll) {
     Calls log;
     Fake stuck("stuck", &log), busy("busy", &log);
     busy.misses = 2;
@@ -70,40 +67,21 @@ TEST(Monitor, StuckObjectsAreRestartedEveryThirdTick) {
         EXPECT_EQ(busy.misses, 0) << tick;
     }
     EXPECT_EQ(kills, "kill stuck\nkill stuck\n");
-    EXPECT_EQ(record.msgCount, 4u) << "every message counts, wrapping";
     EXPECT_EQ(count(log, "busy:missed") + count(log, "busy:stop"), 0);
-}
-
-// Each fired timer sets its bit; called on the manager thread.
-struct Bits : TimerHandler {
-    void onTimer(uint32_t timerId) override { fired |= 1u << timerId; }
-    std::atomic<uint32_t> fired{0};
-} timers;
-
-TEST(Monitor, RefreshReachesEveryObjectThenClearsTheTimers) {
-    Calls log;
-    Fake first("first", &log), second("second", &log);
-    TimerManager::instance()->addTimer(&timers, TimerManager::TIMER_ONCE, 100, 1);
-    monitorHandleMessage(nullptr, kRefreshMsgType);
-    EXPECT_EQ(log, (Calls{"first:refresh", "second:refresh"}));
-    TimerManager::instance()->addTimer(&timers, TimerManager::TIMER_ONCE, 100, 3);
-    QueueMsg tick{};
-    tick.mtype = 1;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(TimerManager::_pMsgQueue.load()->send(tick), 0);  // one pass over every entry
-    for (int i = 0; i < 2000 && timers.fired == 0; ++i) usleep(5000);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(timers.fired, 1u << 3);
+    log.clear();
+    monitorHandleMessage(&record, kRefreshMsgType);
+    EXPECT_EQ(log, (Calls{"stuck:refresh", "busy:refresh"}));
+    EXPECT_EQ(record.msgCount, 5u) << "every message counts, wrapping";
 }
 
 // Each signal's banner, text and report are checked on the daemon; here a full or missing queue,
 // which must not hold the dying process up.
 TEST(FaultTrap, FullOrMissingQueue) {
-    s2etest::Queue full;
-    msqid_ds info = s2etest::queueStat(full.id);
+    const int full = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    msqid_ds info = s2etest::queueStat(full);
     info.msg_qbytes = 0;  // no room at all
-    ASSERT_EQ(msgctl(full.id, IPC_SET, &info), 0);
-    for (int queueId : {full.id, -1}) {
+    ASSERT_EQ(msgctl(full, IPC_SET, &info), 0);
+    for (int queueId : {full, -1}) {
         s2etest::Child child([&] {
             FaultTrap trap(queueId);
             raise(SIGFPE);
@@ -111,6 +89,7 @@ TEST(FaultTrap, FullOrMissingQueue) {
         EXPECT_EQ(child.status(), 0) << queueId;
         EXPECT_NE(child.output().find(kFaultMessages[1]), std::string::npos) << child.output();
     }
+    msgctl(full, IPC_RMID, nullptr);
 }
 
 // Written the way the owning process would, through its own read-write attachment.

@@ -1,5 +1,4 @@
-// The parts of the shared test helpers that run other programs: this test program again, alone or
-// in the private namespaces of tools/nsrun.
+// Shared test helpers that run this test program again: alone, or in the namespaces of tools/nsrun.
 #include "TestSupport.h"
 
 #include <cstdlib>
@@ -7,8 +6,7 @@
 
 namespace s2etest {
 
-// True in the namespaces tools/nsrun makes: the mount table shows nsrun's private tmpfs over /root,
-// which can exist only in a mount namespace of nsrun's making.
+// True in the namespaces tools/nsrun makes: only there is nsrun's private tmpfs over /root.
 static bool inPrivateNamespaces() {
     std::istringstream table(readFile("/proc/self/mountinfo"));
     for (std::string line; std::getline(table, line);)
@@ -17,8 +15,7 @@ static bool inPrivateNamespaces() {
     return false;
 }
 
-// Runs in place of this process: `first` (if any), the emulator prefix (empty for a native
-// build), this program, `args`.
+// Runs in place of this process: `first` (if any), the emulator (if any), this program, `args`.
 [[noreturn]] static void execSelf(const char* first, std::vector<std::string> args) {
     std::vector<std::string> words;
     if (first != nullptr) words.push_back(first);
@@ -47,14 +44,11 @@ int rerunCurrentTest(const char* role) {
     return WEXITSTATUS(status);
 }
 
-// Entry of every *_nstest program: outside the private namespaces it runs itself again through
-// tools/nsrun, so that running it by hand can never touch the host's keys, files or devices.
+// Entry of *_nstest programs: run by hand, too, they never touch the host's keys, files or devices.
 int namespaceMain(int argc, char** argv) {
     if (!inPrivateNamespaces()) {
-        if (std::getenv("S2E_ENTERING_NAMESPACES") != nullptr) {
-            fprintf(stderr, "%s: could not enter private namespaces; refusing to run\n", argv[0]);
-            return 1;
-        }
+        if (std::getenv("S2E_ENTERING_NAMESPACES") != nullptr)
+            return fprintf(stderr, "%s: no private namespaces; refusing to run\n", argv[0]), 1;
         setenv("S2E_ENTERING_NAMESPACES", "1", 1);
         execSelf(S2E_NSRUN, {argv + 1, argv + argc});
     }

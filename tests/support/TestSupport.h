@@ -1,5 +1,4 @@
-// Helpers shared by every test program: output capture, files, a loopback UDP peer, child
-// processes, System V queues, and a test run again in a process of its own.
+// Helpers of the test programs: output capture, files, a loopback UDP peer, child processes.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -28,19 +28,15 @@ inline std::string contents(FILE* file) {
 }
 
 // Sends a descriptor (standard output by default) into a temporary file until text() is called.
-class FdCapture {
-  public:
+struct FdCapture {
     explicit FdCapture(int fd = STDOUT_FILENO)
         : fd_(fd), file_(tmpfile()), saved_((fflush(nullptr), dup(fd))) {
         dup2(fileno(file_), fd_);
     }
     ~FdCapture() { restore(), fclose(file_); }
-    FdCapture(const FdCapture&) = delete;
     // What was written so far; the capture goes on.
     std::string peek() const { return contents(file_); }
     std::string text() { return restore(), peek(); }
-
-  private:
     void restore() {
         if (saved_ >= 0) fflush(nullptr), dup2(saved_, fd_), close(saved_), saved_ = -1;
     }
@@ -56,8 +52,7 @@ std::string captureStdout(Body&& body) {
 }
 
 // A UDP socket on 127.0.0.1 and a free port: the only kind of peer tests ever send to.
-class UdpPeer {
-  public:
+struct UdpPeer {
     UdpPeer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
@@ -73,18 +68,14 @@ class UdpPeer {
         char buf[4096];
         const ssize_t n = poll(&p, 1, timeoutMs) == 1 ? recv(fd_, buf, sizeof buf, 0) : -1;
         if (got != nullptr) *got = n >= 0;
-        return n > 0 ? std::string(buf, size_t(n)) : std::string();
+        return std::string(buf, size_t(std::max<ssize_t>(n, 0)));
     }
-
-  private:
     int fd_;
     uint16_t port_ = 0;
 };
 
-// Runs `body` in a forked child whose standard output goes to a file; a wedged child dies by
-// SIGALRM. status() is the exit code, or 128 + the signal that ended it.
-class Child {
-  public:
+// `body` in a forked child with its output in a file; status(): exit code or 128 + signal.
+struct Child {
     template <typename Body>
     explicit Child(Body body) : out_(tmpfile()) {
         fflush(nullptr);
@@ -104,24 +95,16 @@ class Child {
     }
     std::string output() const { return contents(out_); }
     pid_t pid;
-
-  private:
     FILE* out_;
 };
 
-// A private System V queue, removed at the end.
-struct Queue {
-    int id = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
-    ~Queue() { msgctl(id, IPC_RMID, nullptr); }
-};
 inline msqid_ds queueStat(int id) {
     msqid_ds ds{};
     msgctl(id, IPC_STAT, &ds);
     return ds;
 }
 
-// Runs this test program again, with only the current test selected and S2E_CHILD=role in its
-// environment; returns the exit status, or -1. For a test that needs a fresh process.
+// Runs the current test alone in a fresh process with S2E_CHILD=role; its exit status, or -1.
 int rerunCurrentTest(const char* role);
 
 }  // namespace s2etest

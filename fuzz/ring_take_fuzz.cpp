@@ -1,4 +1,5 @@
-// libFuzzer target: arbitrary bytes in arbitrary chunks through ringPutBytes, taken out again by
+// libFuzzer target: arbitrary bytes in arbitrary chunks through ringPutBytes and whole frames
+// through ringPutFrame (against the encoder and its bounds), taken out again by
 // ringTakeFrame, ringTakePacket and ringTakePacketReport on triplet rings; checks the ring
 // invariants, every result, frame, payload and readIndex against a model of the frame search, the
 // bounds and the unstuffing, and that the report accounts for every byte the take consumed.
@@ -163,6 +164,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in(data, size);
     const uint8_t config = in.byte();
     const int32_t ringSize = (config & 1) ? 1024 : 16384;
+    // Sizes other than a power of two from 1024 to 131072 give the default 8192.
+    ByteRing probe;
+    const int32_t asked = (int32_t(config) - 8) * (1 << (config % 18));
+    ringCreate(&probe, asked);
+    const bool listed = asked >= 1024 && asked <= 131072 && (asked & (asked - 1)) == 0;
+    check(probe.size == (listed ? uint32_t(asked) : 8192u) && probe.mask == probe.size - 1);
+    ringDestroy(&probe);
     ByteRing frames, packets, reported;
     ringCreate(&frames, ringSize);
     ringCreate(&packets, ringSize);
@@ -189,13 +197,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint8_t how = in.byte();
             const uint16_t limit = (how & 3) == 0 ? (in.word() & 0xFFF) : (how & 1) ? 8192 : 8172;
             take(&frames, &packets, &reported, limit, (how & 0xF0) == 0xF0);
-        } else {  // a well-formed frame around a piece of the input
-            size_t n = size_t(op >> 2) * 8;
-            const uint8_t* src = in.take(&n);
-            std::vector<uint8_t> packet(src, src + n);
+        } else {
+            // A frame put whole by the encoder: a piece of the input or (bit 7) a run of one value
+            // up to 4095 bytes long, to reach the longest frame and the 4096-byte working area.
+            // Bit 6 first fills the ring with zeros so that the frame fits its free space exactly.
+            size_t n = size_t((op >> 2) & 0xF) * 8;
+            std::vector<uint8_t> packet;
+            if (op & 0x80) {
+                n = in.word() & 0xFFF;
+                packet.assign(n, in.byte());
+            } else {
+                const uint8_t* src = in.take(&n);
+                packet.assign(src, src + n);
+            }
             packet.resize(std::max<size_t>(n, 64));
-            const int32_t len = frameEncode(packet.data(), scratch.data(), int32_t(n));
-            put(&frames, &packets, &reported, scratch.data(), uint16_t(len));
+            std::vector<uint8_t> copy = packet;
+            const int32_t len = frameEncode(copy.data(), scratch.data(), int32_t(n));
+            const uint32_t room = ringFreeSpace(&frames);
+            if ((op & 0x40) && uint32_t(len) < room) {
+                std::memset(scratch.data() + len, 0, room - uint32_t(len));
+                put(&frames, &packets, &reported, scratch.data() + len,
+                    uint16_t(room - uint32_t(len)));
+            }
+            const uint32_t w = frames.writeIndex.load();
+            const bool fits = n > 0 && len <= 4096 && uint32_t(len) <= ringFreeSpace(&frames);
+            for (ByteRing* ring : {&frames, &packets, &reported}) {
+                copy = packet;
+                check(ringPutFrame(ring, copy.data(), uint16_t(n)) == (fits ? 0 : -1));
+            }
+            for (int32_t i = 0; fits && i < len; ++i)
+                check(frames.storage[(w + uint32_t(i)) & frames.mask] == scratch[size_t(i)]);
         }
         checkRing(frames);
         checkRing(packets);

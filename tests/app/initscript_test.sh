@@ -1,22 +1,19 @@
 #!/usr/bin/env bash
-# Boot script against stand-in daemons in a temporary directory, under dash and (when present)
-# busybox's ash, the board's shell: start, stop, restart, status, stale and foreign pid files, a
-# daemon that ignores SIGTERM or dies at start-up. Signals only processes it started itself.
-set -uo pipefail
-script=${S2E_SOURCE_DIR:?}/packaging/init.d/S80serialtoeth.in
-work=$(mktemp -d)
+# Boot script against stand-in daemons, under dash and (when present) busybox's ash, the board's
+# shell: start, stop, restart, status, stale and foreign pid files, a daemon that ignores SIGTERM or
+# dies at start-up. Signals only processes it started itself.
+host=1 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
+script=$S2E_SOURCE_DIR/packaging/init.d/S80serialtoeth.in
 ours=()
-trap 'for p in "${ours[@]}"; do kill -KILL "$p" 2>/dev/null; done; rm -rf "$work"' EXIT
-failures=0
-fail() { echo "FAIL [$shell_name] $*"; failures=$((failures + 1)); }
+trap 'for p in "${ours[@]}"; do kill -KILL "$p" 2>/dev/null || true; done; rm -rf "$work"' EXIT
 alive() { [ -d "/proc/$1" ] && ! grep -q '^State:[[:space:]]*Z' "/proc/$1/status" 2>/dev/null; }
-run() { # ACTION: sets out, rc, and pid while there is a pid file
-    out=$("${shell[@]}" "$script" "$1" 2>&1)
-    rc=$?
-    [ -f "$S2E_PIDFILE" ] && pid=$(cat "$S2E_PIDFILE") && ours+=("$pid")
+run() { # ACTION [RC [OUTPUT]]: sets out, rc, and pid while there is a pid file
+    rc=0 && out=$("${shell[@]}" "$script" "$1" 2>&1) || rc=$?
+    sleep 0.2 # for the processes to start or go
+    ! [ -f "$S2E_PIDFILE" ] || { pid=$(cat "$S2E_PIDFILE") && ours+=("$pid"); }
+    [ $# = 1 ] || [ "$rc:$out" = "$2:${3:-$out}" ] || fail "[$shell_name] $1: $rc '$out', expected $2 '${3:-}'"
 }
-expect() { run "$1"; [ "$rc:$out" = "$2:$3" ] || fail "$1: $rc '$out', expected $2 '$3'"; }
-mkdir -p "$work/ok" "$work/stubborn" "$work/dies"  # stand-ins carry the daemon's file name
+mkdir -p "$work/ok" "$work/stubborn" "$work/dies" # stand-ins carry the daemon's file name
 printf '#!/bin/sh\necho stand-in up\nwhile :; do sleep 1; done\n' >"$work/ok/SerialToEth"
 printf '#!/bin/sh\ntrap "" TERM\nwhile :; do sleep 1; done\n' >"$work/stubborn/SerialToEth"
 printf '#!/bin/sh\necho "ERR: no interface"\nexit 0\n' >"$work/dies/SerialToEth"
@@ -24,52 +21,39 @@ chmod +x "$work"/*/SerialToEth
 export S2E_PIDFILE=$work/run/serialtoeth.pid S2E_LOGFILE=$work/log/serialtoeth.log
 export S2E_START_CHECK=0.5 S2E_STOP_TIMEOUT=2
 shells=("dash")
-command -v busybox >/dev/null && shells+=("busybox sh")
+! command -v busybox >/dev/null || shells+=("busybox sh")
 for shell_name in "${shells[@]}"; do
     read -r -a shell <<<"$shell_name"
     rm -rf "$work/run" "$work/log"
     export S2E_DAEMON_BIN=$work/ok/SerialToEth
-    expect status 3 "SerialToEth is not running"
-    mkdir -p "$work/log" && head -c 1100000 /dev/zero >"$S2E_LOGFILE"  # past the limit: kept as .old
-    expect start 0 "Starting SerialToEth: OK"
+    run status 3 "SerialToEth is not running"
+    mkdir -p "$work/log" && head -c 1100000 /dev/zero >"$S2E_LOGFILE" # past the limit: kept as .old
+    run start 0 "Starting SerialToEth: OK"
     first=$pid
     [ "$(cat "/proc/$first/comm")" = SerialToEth ] || fail "pid file does not name the daemon"
     [ -f "$S2E_LOGFILE.old" ] && grep -q "stand-in up" "$S2E_LOGFILE" || fail "no fresh log"
-    expect start 0 "SerialToEth already running (pid $first)"
-    expect status 0 "SerialToEth is running (pid $first)"
-    run restart
-    sleep 0.2
-    [ "$rc" = 0 ] && [ "$pid" != "$first" ] && alive "$pid" && ! alive "$first" || fail "restart"
-    expect stop 0 "Stopping SerialToEth: OK"
-    sleep 0.2
+    run start 0 "SerialToEth already running (pid $first)"
+    run status 0 "SerialToEth is running (pid $first)"
+    run restart 0
+    [ "$pid" != "$first" ] && alive "$pid" && ! alive "$first" || fail "restart"
+    run stop 0 "Stopping SerialToEth: OK"
     ! alive "$pid" && [ ! -e "$S2E_PIDFILE" ] || fail "stop left the daemon or its pid file"
-    expect stop 0 "SerialToEth not running"
-    sleep 60 &  # after a crash the recorded pid may be another program's: never signalled
-    foreign=$!
-    ours+=("$foreign")
-    echo "$foreign" >"$S2E_PIDFILE"
-    expect status 1 "SerialToEth is not running, but $S2E_PIDFILE exists"
+    run stop 0 "SerialToEth not running"
+    sleep 60 & # after a crash the recorded pid may be another program's: never signalled
+    ours+=($!) && echo $! >"$S2E_PIDFILE"
+    run status 1 "SerialToEth is not running, but $S2E_PIDFILE exists"
     run stop
-    alive "$foreign" && [ ! -e "$S2E_PIDFILE" ] || fail "stop signalled a foreign process"
+    alive "${ours[-1]}" && [ ! -e "$S2E_PIDFILE" ] || fail "stop signalled a foreign process"
     echo "garbage" >"$S2E_PIDFILE"
-    run start
-    alive "$pid" || fail "start over an unreadable pid file"
+    run start 0
+    run stop 0
+    S2E_DAEMON_BIN=$work/stubborn/SerialToEth run start 0 # killed once the stop timeout has passed
     run stop
-    kill -KILL "$foreign"
-    wait "$foreign" 2>/dev/null
-    export S2E_DAEMON_BIN=$work/stubborn/SerialToEth  # killed once the stop timeout has passed
-    run start
-    run stop
-    sleep 0.2
     ! alive "$pid" || fail "stubborn daemon survived stop"
-    export S2E_DAEMON_BIN=$work/dies/SerialToEth
-    expect start 1 "Starting SerialToEth: FAIL (see $S2E_LOGFILE)"
-    [ -e "$S2E_PIDFILE" ] && fail "failed start kept a pid file"
-    export S2E_DAEMON_BIN=$work/missing/SerialToEth
-    run start
-    [ "$rc" = 5 ] || fail "start without the daemon: $rc"
-    run reload
-    [ "$rc" = 2 ] && [[ "$out" == Usage:* ]] || fail "unknown action: $rc '$out'"
+    S2E_DAEMON_BIN=$work/dies/SerialToEth run start 1 "Starting SerialToEth: FAIL (see $S2E_LOGFILE)"
+    [ ! -e "$S2E_PIDFILE" ] || fail "failed start kept a pid file"
+    S2E_DAEMON_BIN=$work/missing/SerialToEth run start 5
+    run reload 2
+    [[ "$out" == Usage:* ]] || fail "unknown action: '$out'"
 done
-[ "$failures" = 0 ] || exit 1
 echo "init script: all checks passed (${shells[*]})"

@@ -1,13 +1,10 @@
 #!/usr/bin/env bash
-# The package under a real systemd (tools/sdrun): with the unit's hardening in force the daemon frees
-# a busy interface by "killall udhcpc" (restarted if it lost the race), comes up, sets the line,
-# writes the status record, carries frames both ways over a pty; then the init script, the purge.
+# The package under a real systemd (tools/sdrun), the unit's hardening in force: the daemon frees a
+# busy interface ("killall udhcpc"), writes the status record, carries frames both ways over a pty;
+# then the init script, the purge.
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
-set -euo pipefail
 [ -z "${S2E_EMULATOR:-}" ] || { echo "skipped: the container can only run the build machine's package"; exit 0; }
 ! grep -q '^S2E_SANITIZE:STRING=.' "$S2E_BINARY_DIR/CMakeCache.txt" || { echo "skipped: a sanitizer build is not shipped"; exit 0; }
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 cpack -G DEB --config "$S2E_BINARY_DIR/CPackConfig.cmake" -B "$work" >/dev/null
 
 inside() {
@@ -33,8 +30,6 @@ time.sleep(60)' &
         fail "restrictions not in force: $(grep -E '^(Cap|NoNew|Secc)' "/proc/$pid/status")"
     nsenter -t "$pid" -m sh -c '! touch /usr/probe 2>/dev/null && touch /root/probe' || fail "file system not read-only but /root"
     [ "$(ps -L -o ni= -p "$pid" | grep -c -- -20)" = 2 ] || fail "readers not at nice -20"
-    ip link show uart2eth0 | grep -q '[<,]UP[,>]' || fail "interface not up"
-    [ "$(stty -F "$a" speed)" = 576000 ] || fail "line speed $(stty -F "$a" speed)"
     stty -F "$b" raw -echo && timeout 3 cat "$b" >/run/out &
     ip addr add 10.99.0.1/24 dev uart2eth0 && { ping -c 1 -W 1 10.99.0.2 >/dev/null || true; }
     wait $! || true

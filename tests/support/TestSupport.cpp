@@ -1,5 +1,4 @@
-// The parts of the shared test helpers that run other programs: this test program again, alone or
-// in the private namespaces of tools/nsrun.
+// Shared test helpers that run this test program again: alone, or in the namespaces of tools/nsrun.
 #include "TestSupport.h"
 
 #include <cstdlib>
@@ -7,32 +6,25 @@
 
 namespace s2etest {
 
-bool inPrivateNamespaces() {
+// True in the namespaces tools/nsrun makes: only there is nsrun's private tmpfs over /root.
+static bool inPrivateNamespaces() {
     std::istringstream table(readFile("/proc/self/mountinfo"));
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream fields(line);
-        std::string id, parent, device, root, mountPoint;
-        fields >> id >> parent >> device >> root >> mountPoint;
-        if (mountPoint == "/root" && line.find(" - tmpfs s2e-root ") != std::string::npos) {
+    for (std::string line; std::getline(table, line);)
+        if (line.find(" /root ") != line.npos && line.find(" - tmpfs s2e-root ") != line.npos)
             return true;
-        }
-    }
     return false;
 }
 
-// The emulator prefix (empty for a native build), then this program, then `args`.
-std::vector<std::string> selfCommand(std::vector<std::string> args) {
+// Runs in place of this process: `first` (if any), the emulator (if any), this program, `args`.
+[[noreturn]] static void execSelf(const char* first, std::vector<std::string> args) {
     std::vector<std::string> words;
+    if (first != nullptr) words.push_back(first);
     std::istringstream emulator(S2E_EMULATOR_CMD);
     for (std::string word; emulator >> word;) words.push_back(word);
     char self[4096];
     const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     words.emplace_back(self, n > 0 ? size_t(n) : 0);
     words.insert(words.end(), args.begin(), args.end());
-    return words;
-}
-
-[[noreturn]] void execute(std::vector<std::string> words) {
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
     argv.push_back(nullptr);
@@ -46,27 +38,19 @@ int rerunCurrentTest(const char* role) {
     const std::string filter =
         std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
     const pid_t child = fork();
-    if (child == 0) {
-        setenv("S2E_CHILD", role, 1);
-        execute(selfCommand({filter}));
-    }
+    if (child == 0) setenv("S2E_CHILD", role, 1), execSelf(nullptr, {filter});
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
     return WEXITSTATUS(status);
 }
 
-// Entry of every *_nstest program: outside the private namespaces it runs itself again through
-// tools/nsrun, so that running it by hand can never touch the host's keys, files or devices.
+// Entry of *_nstest programs: run by hand, too, they never touch the host's keys, files or devices.
 int namespaceMain(int argc, char** argv) {
     if (!inPrivateNamespaces()) {
-        if (std::getenv("S2E_ENTERING_NAMESPACES") != nullptr) {
-            fprintf(stderr, "%s: could not enter private namespaces; refusing to run\n", argv[0]);
-            return 1;
-        }
+        if (std::getenv("S2E_ENTERING_NAMESPACES") != nullptr)
+            return fprintf(stderr, "%s: no private namespaces; refusing to run\n", argv[0]), 1;
         setenv("S2E_ENTERING_NAMESPACES", "1", 1);
-        std::vector<std::string> words = selfCommand({argv + 1, argv + argc});
-        words.insert(words.begin(), S2E_NSRUN);
-        execute(words);
+        execSelf(S2E_NSRUN, {argv + 1, argv + argc});
     }
     unsetenv("S2E_ENTERING_NAMESPACES");
     testing::InitGoogleTest(&argc, argv);

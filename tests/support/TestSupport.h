@@ -1,5 +1,4 @@
-// Helpers shared by every test program: output capture, files, a loopback UDP peer, child
-// processes, System V queues and the check that a test runs in the private namespaces of nsrun.
+// Helpers of the test programs: output capture, files, a loopback UDP peer, child processes.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -17,66 +17,44 @@
 
 namespace s2etest {
 
-// Sends a descriptor (standard output by default) into a temporary file until text() is called.
-class FdCapture {
-  public:
-    explicit FdCapture(int fd = STDOUT_FILENO) : fd_(fd), file_(tmpfile()) {
-        fflush(nullptr);
-        saved_ = dup(fd_);
-        dup2(fileno(file_), fd_);
-    }
-    ~FdCapture() {
-        restore();
-        fclose(file_);
-    }
-    FdCapture(const FdCapture&) = delete;
-    FdCapture& operator=(const FdCapture&) = delete;
-    // What was written so far; the capture goes on.
-    std::string peek() const {
-        fflush(nullptr);
-        std::string out(1 << 20, '\0');
-        const ssize_t n = pread(fileno(file_), &out[0], out.size(), 0);
-        out.resize(n > 0 ? size_t(n) : 0);
-        return out;
-    }
-    std::string text() {
-        restore();
-        return peek();
-    }
-
-  private:
-    void restore() {
-        if (saved_ < 0) return;
-        fflush(nullptr);
-        dup2(saved_, fd_);
-        close(saved_);
-        saved_ = -1;
-    }
-    int fd_;
-    FILE* file_;
-    int saved_ = -1;
-};
-
-template <typename Body>
-std::string captureStdout(Body&& body) {
-    FdCapture capture;
-    body();
-    return capture.text();
-}
-
 inline std::string readFile(const std::string& path) {
     std::ostringstream out;
     out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
 }
+// What was written so far to the open (or unlinked) file of a stream.
+inline std::string contents(FILE* file) {
+    return fflush(nullptr), readFile("/proc/self/fd/" + std::to_string(fileno(file)));
+}
+
+// Sends a descriptor (standard output by default) into a temporary file until text() is called.
+struct FdCapture {
+    explicit FdCapture(int fd = STDOUT_FILENO)
+        : fd_(fd), file_(tmpfile()), saved_((fflush(nullptr), dup(fd))) {
+        dup2(fileno(file_), fd_);
+    }
+    ~FdCapture() { restore(), fclose(file_); }
+    // What was written so far; the capture goes on.
+    std::string peek() const { return contents(file_); }
+    std::string text() { return restore(), peek(); }
+    void restore() {
+        if (saved_ >= 0) fflush(nullptr), dup2(saved_, fd_), close(saved_), saved_ = -1;
+    }
+    int fd_;
+    FILE* file_;
+    int saved_;
+};
+
+template <typename Body>
+std::string captureStdout(Body&& body) {
+    FdCapture capture;
+    return body(), capture.text();
+}
 
 // A UDP socket on 127.0.0.1 and a free port: the only kind of peer tests ever send to.
-class UdpPeer {
-  public:
+struct UdpPeer {
     UdpPeer() : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t len = sizeof addr;
         bind(fd_, reinterpret_cast<sockaddr*>(&addr), len);
         getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
@@ -90,25 +68,20 @@ class UdpPeer {
         char buf[4096];
         const ssize_t n = poll(&p, 1, timeoutMs) == 1 ? recv(fd_, buf, sizeof buf, 0) : -1;
         if (got != nullptr) *got = n >= 0;
-        return n > 0 ? std::string(buf, size_t(n)) : std::string();
+        return std::string(buf, size_t(std::max<ssize_t>(n, 0)));
     }
-
-  private:
     int fd_;
     uint16_t port_ = 0;
 };
 
-// Runs `body` in a forked child whose standard output (and error, when asked) goes to a file; a
-// wedged child dies by SIGALRM. status() is the exit code, or 128 + the signal that ended it.
-class Child {
-  public:
+// `body` in a forked child with its output in a file; status(): exit code or 128 + signal.
+struct Child {
     template <typename Body>
-    explicit Child(Body body, bool withStderr = false) : out_(tmpfile()) {
+    explicit Child(Body body) : out_(tmpfile()) {
         fflush(nullptr);
         pid = fork();
         if (pid != 0) return;
         dup2(fileno(out_), STDOUT_FILENO);
-        if (withStderr) dup2(fileno(out_), STDERR_FILENO);
         alarm(20);
         body();
         fflush(nullptr);
@@ -120,35 +93,18 @@ class Child {
         if (pid <= 0 || waitpid(pid, &s, 0) != pid) return -1;
         return WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
     }
-    std::string output() const {
-        std::string text(1 << 16, '\0');
-        const ssize_t n = pread(fileno(out_), &text[0], text.size(), 0);
-        text.resize(n > 0 ? size_t(n) : 0);
-        return text;
-    }
+    std::string output() const { return contents(out_); }
     pid_t pid;
-
-  private:
     FILE* out_;
 };
 
-// A private System V queue, removed at the end.
-struct Queue {
-    int id = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
-    ~Queue() { msgctl(id, IPC_RMID, nullptr); }
-};
 inline msqid_ds queueStat(int id) {
     msqid_ds ds{};
     msgctl(id, IPC_STAT, &ds);
     return ds;
 }
 
-// True when this process runs in the namespaces tools/nsrun makes: its mount table shows nsrun's
-// private tmpfs over /root, which can exist only in a mount namespace of nsrun's making.
-bool inPrivateNamespaces();
-
-// Runs this test program again, with only the current test selected and S2E_CHILD=role in its
-// environment; returns the exit status, or -1. For a test that needs a fresh process.
+// Runs the current test alone in a fresh process with S2E_CHILD=role; its exit status, or -1.
 int rerunCurrentTest(const char* role);
 
 }  // namespace s2etest

@@ -1,7 +1,16 @@
-# Sourced first by the shell tests that need private namespaces: outside those of tools/nsrun
-# (judged from the mount table: nsrun's tmpfs over /root) the script runs again through nsrun.
-if ! awk '$5 == "/root" && / - tmpfs s2e-root /{f = 1} END {exit !f}' /proc/self/mountinfo; then
+# Sourced first by every shell test: unless it set host=1, the test runs again through tools/nsrun
+# if not yet in its namespaces (nsrun's tmpfs over /root); then strict mode, fail, wait_until and
+# a scratch directory $work removed on exit, also on failure.
+if [ -z "${host:-}" ] && ! awk '$5 == "/root" && / - tmpfs s2e-root /{f = 1} END {exit !f}' /proc/self/mountinfo; then
     [ -z "${S2E_ENTERING_NAMESPACES:-}" ] || { echo "$0: no private namespaces; refusing" >&2; exit 1; }
     S2E_ENTERING_NAMESPACES=1 exec "$(dirname "${BASH_SOURCE[0]}")/../../tools/nsrun" bash "$0" "$@"
 fi
 unset S2E_ENTERING_NAMESPACES
+set -euo pipefail
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+wait_until() { # SECONDS COMMAND...: polls every 50 ms
+    local i && for ((i = 0; i < $1 * 20; i++)); do "${@:2}" && return 0 || sleep 0.05; done
+    return 1
+}

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole daemon, end to end: start-up texts, the status record and the fault trap for each
 # signal under the supervisor emulator, start-up without the TAP driver, and two daemons joined by
-# the emulated line (ping with small and full-size frames, recovery after garbage and bit errors).
+# the emulated line (ping with small and full-size frames, recovery after garbage and bit errors,
+# the line's capture read by tshark).
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
 rmdir "$work"  # the harness keeps its state in $H_DIR, removed by its own exit trap
 source "$S2E_SOURCE_DIR/tools/e2e-harness.sh"
@@ -77,7 +78,7 @@ h_daemon_start notun --no-tun --no-serial
 grep -qF $'ERR: fail to open tun_alloc\r' "$(h_out notun)" || fail "notun: no tun_alloc error"
 grep -qF "ERR(SerialToEth::getMac): No such device" "$(h_out notun)" || fail "notun: no getMac error"
 h_alive notun && kill -KILL "$(h_pid notun)" || fail "notun ended"
-h_pair
+h_pair --pcap "$H_DIR/line.pcapng"
 grep -qF "Rs232 open ok" "$(h_out a)" || fail "a: no 'Rs232 open ok'"
 [ -n "${S2E_EMULATOR:-}" ] || [ "$(stty -F "$H_PTY_A" speed)" = 576000 ] || fail "line speed"
 wait_until 30 h_exec a ping -c 1 -W 1 10.99.0.2 >/dev/null 2>&1 || fail "no traffic"  # addresses known
@@ -92,5 +93,10 @@ wait_until 30 h_exec a ping -c 1 -W 1 10.99.0.2 >/dev/null 2>&1 || fail "no traf
 h_exec a ping -c 10 -i 0.2 -W 3 10.99.0.2 | grep -q " 0% packet loss" || fail "ping a -> b lost packets"
 h_exec b ping -c 20 -i 0.1 -s 1472 -W 3 10.99.0.1 | grep -q " 0% packet loss" || fail "full-size frames lost"
 h_alive a && h_alive b || fail "a daemon ended"
+# The line's capture shows the pings dissected as ICMP and the noise dropped with its reason.
+shark() { tshark -r "$H_DIR/line.pcapng" "$@" 2>/dev/null || true; } # the file may be growing
+[ "$(shark -Y 'frame.interface_name == "b->a" && icmp.type == 0' | wc -l)" -ge 10 ] || fail "capture: echo replies"
+shark -T fields -e frame.comment | grep -q '^dropped: [0-9]* bytes of noise without a start flag$' ||
+    fail "capture: no noise dropped with its reason"
 h_check_reports || fail "sanitizer report"
 echo "PASS"

@@ -1,11 +1,10 @@
-// Buffers and small utilities: CircleBuffer's texts and lock (its data rules are checked against a
-// model in fuzz/circle_buffer_fuzz), MsgBufferPool and the text parsers (the checksums are checked
-// against bitwise models in fuzz/crc_fuzz). Private namespaces: the pool logs through the debug
-// unit, whose file is /root/dbg.txt.
+// Buffers and small utilities: CircleBuffer's texts and lock, MsgBufferPool's texts and limits, and
+// the text parsers. The data rules of the ring and the pool and the checksums are checked against
+// models in fuzz/. Private namespaces: the pool logs through the debug unit, whose file is
+// /root/dbg.txt.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -79,83 +78,30 @@ std::string counts() {
     debugLevel = 0;
     return info.substr(0, info.find('\n'));
 }
-// Header fields by the header's layout, not the pool's constants.
-template <typename T>
-T field(const MsgBuf& b, size_t at) {
-    T value;
-    memcpy(&value, b.header + at, sizeof value);
-    return value;
-}
-uint8_t* pdata(const MsgBuf& b) {
-    return field<uint8_t*>(b, 50 + offsetof(S_ProtocolMsg, pdata));
-}
-
 class Pool : public ::testing::Test {
   protected:
     void TearDown() override { EXPECT_EQ(MsgBufferPool::destroyPool(), 0); }
 };
 
-TEST_F(Pool, LayoutFirstFitGrowthAndHeaderByType) {
-    EXPECT_EQ(MsgBufferPool::initPool(2, 0) + MsgBufferPool::initPool(9, 64), 0);  // once only
+// The pool's rules are checked against a model in fuzz/msg_pool_fuzz; here its texts and counts.
+TEST_F(Pool, NotesAndCounts) {
+    EXPECT_EQ(MsgBufferPool::initPool(2, 0), 0);
     MsgBuf b = MsgBufferPool::allocMsgBuf(3, 512, 1);
-    EXPECT_EQ(b.header - b.block + b.trailer - b.block + b.data - b.block, 4 + 132 + 152);
-    EXPECT_EQ(b.dataSize * 100000 + b.blockSize * 10 + *b.block, 1024 * 100000 + 11760 + 1);
     EXPECT_EQ(counts(), "MsgBufferPool info: free 1, total 2");
     debugLevel = 1;
-    MsgBuf big;
-    EXPECT_EQ(captureStdout([&] { big = MsgBufferPool::allocMsgBuf(2, 513, 0x20); }),
+    EXPECT_EQ(captureStdout([&] { b = MsgBufferPool::allocMsgBuf(2, 513, 0x20); }),
               "NOTE: MsgBufferPool::allocMsgBuf: no proper memory, allocate one. size is 1026, "
               "owner is 0x20\n");
     debugLevel = 0;
-    EXPECT_EQ(big.blockSize + field<uint16_t>(big, 40), 1178 + 81);
-    EXPECT_EQ(field<uint8_t*>(big, 42), big.header + 50);
-    EXPECT_EQ(pdata(big), big.data);
-    MsgBufferPool::freeMsgBuf(big, 0x20);  // to the back of the free list: one 1024, then 1026
-    MsgBuf small = MsgBufferPool::allocMsgBuf(4, 1, 1);
-    EXPECT_NE(small.block, big.block);
-    EXPECT_EQ(field<uint16_t>(small, 40), 262);
-    EXPECT_EQ(field<uint8_t*>(small, 42), small.data);
-    EXPECT_EQ(MsgBufferPool::allocMsgBuf(5, 513, 1).block, big.block) << "an exact fit is taken";
-    for (uint16_t type : {6, 7})
-        EXPECT_EQ(field<uint16_t>(MsgBufferPool::allocMsgBuf(type, 1, 1), 40), 76);
-    MsgBuf odd;
-    EXPECT_EQ(captureStdout([&] { odd = MsgBufferPool::allocMsgBuf(8, 1, 1); }),
+    EXPECT_EQ(captureStdout([&] {
+                  MsgBufferPool::copyMsgBuf(b);
+                  MsgBufferPool::freeMsgBuf(b = MsgBufferPool::duplicate(b, 0), 0);
+                  MsgBufferPool::allocMsgBuf(8, 1, 1);
+              }),
+              "NOTE: MsgBufferPool::allocMsgBuf: anonymous owner......\n"
+              "NOTE: MsgBufferPool::duplicate: anonymous owner......\n"
+              "NOTE: MsgBufferPool::freeMsgBuf: anonymous owner......\n"
               " Msg type error! Fail to allocate msgbuf! \n");
-    EXPECT_EQ(odd.state * 10 + field<uint32_t>(odd, 0), MSGBUF_USED * 10 + 8);
-}
-
-TEST_F(Pool, ReferencesOwnersAndCopies) {
-    MsgBufferPool::initPool(4, 0);
-    MsgBuf a = MsgBufferPool::allocMsgBuf(2, 100, 0x1), b;
-    EXPECT_EQ(
-        captureStdout([&] { MsgBufferPool::freeMsgBuf(b = MsgBufferPool::duplicate(a, 0), 0); }),
-        "NOTE: MsgBufferPool::duplicate: anonymous owner......\n"
-        "NOTE: MsgBufferPool::freeMsgBuf: anonymous owner......\n");
-    b = MsgBufferPool::duplicate(a, 0x6);
-    EXPECT_EQ(b.block, a.block);
-    EXPECT_EQ(*a.block * 100 + *a.owners, 2 * 100 + 0x7u);
-    for (int i = 0; i < 200; ++i) a.data[i] = uint8_t(i);
-    uint8_t* inside = a.data + 10;
-    memcpy(a.header + 50 + offsetof(S_ProtocolMsg, pdata), &inside, sizeof inside);
-    a.userLen = 77;
-    MsgBuf copy;
-    EXPECT_EQ(captureStdout([&] { copy = MsgBufferPool::copyMsgBuf(a); }),
-              "NOTE: MsgBufferPool::allocMsgBuf: anonymous owner......\n");
-    EXPECT_NE(copy.block, a.block);
-    EXPECT_EQ(copy.userLen + copy.msgType, 79);
-    EXPECT_EQ(pdata(copy), copy.data + 10);
-    EXPECT_EQ(memcmp(copy.data, a.data, 200), 0);
-    EXPECT_EQ(MsgBufferPool::freeMsgBuf(a, 0x1), 0);
-    EXPECT_EQ(a.state * 100 + *b.owners, MSGBUF_FREE * 100 + 0x6u);
-    EXPECT_EQ(MsgBufferPool::freeMsgBuf(a, 0x1) + MsgBufferPool::makeProtocolMsg(a), -2);
-    EXPECT_EQ(MsgBufferPool::duplicate(a, 0x8).state, MSGBUF_INVALID);
-    EXPECT_EQ(MsgBufferPool::copyMsgBuf(a).state, MSGBUF_INVALID);
-    b.data += 20;  // the last free resets the data pointer and puts the buffer at the back
-    MsgBufferPool::freeMsgBuf(b, 0x6);
-    EXPECT_EQ(*b.owners, 0x0u);
-    MsgBuf back{};
-    for (int i = 0; i < 4 && back.block != b.block; ++i) back = MsgBufferPool::allocMsgBuf(3, 1, 1);
-    EXPECT_EQ(back.data, b.block + 152);
 }
 
 // The sizes refused are those whose doubled block would not fit 16 bits; the top bit of an

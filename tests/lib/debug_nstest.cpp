@@ -69,6 +69,7 @@ TEST_F(Debug, DecoratedLinesTelnetTerminalAndLogServer) {
     // and an unchanged pair not applied again.
     EXPECT_EQ((logServerIp >> 16) + logServerPort, 0xC0A8u + 23) << "in 192.168/16, port 23";
     const uint32_t defaultIp = logServerIp;
+    logServerAppliedIp = logServerAppliedPort = 0;  // nothing applied yet, as at start-up
     // clang-format off
     const struct { uint32_t ip, port; int result; } rows[] = {
         {0x0A010203u, 0x12345u, 0}, {0x0A010203u, 0x12345u, 0}, {0, 23, -1}, {0xFFFFFFFFu, 23, -1}, {1, 0, -1}};

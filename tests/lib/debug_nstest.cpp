@@ -53,7 +53,6 @@ TEST_F(Debug, DecoratedLinesTelnetTerminalAndLogServer) {
     printFilterOn = 0;
     debugPrint(3, "x.cpp", 1, "filter off");
     printFilterOn = 1, printMaxLevel = 3;
-    EXPECT_STREQ(telnetLogPath, "/dev/pts/0");
     telnetLogPath = "/root/pts0";  // opened once, closed by an empty write, reopened afresh
     telnetLogWrite("first ");
     telnetLogWrite("second\n");
@@ -181,6 +180,7 @@ TEST_F(Debug, HexDumps) {
     EXPECT_EQ(peer.receive(), "\n\r" + lowerHex(b, 0, 25) + "\n\r")
         << "the level-1 dump sent nothing";
     dumpBytes(b, -3);
+    EXPECT_EQ(peer.receive(), "\n\r\n\r") << "a negative count sends an empty dump";
     dumpBytesAt(b, 10);
     dumpBytesAt(b, 0);
     char at[2][32];
@@ -209,7 +209,6 @@ TEST(ProtocolMsg, FieldOffsets) {
     // clang-format on
 #undef AT
     for (const auto& row : rows) EXPECT_EQ(row.first, row.second) << &row - rows;
-    EXPECT_EQ(sizeof(S_ProtocolMsg), 81u);
 }
 
 // The lines of one address variant: "  name", blanks up to the value's column, "value \n".

@@ -179,12 +179,14 @@ class Timers : public testing::Test {
   protected:
     void SetUp() override { mgr->clearTimers(), mgr->addTimer(&probe, 0, 100, 99); }
     void TearDown() override { mgr->clearTimers(); }
-    void tick() {
+    // False when the manager thread took no tick.
+    bool tick() {
         const size_t seen = probe.count();
         QueueMsg tick{1, 0, {}};
-        ASSERT_EQ(TimerManager::_pMsgQueue.load()->send(tick), 0);
-        ASSERT_TRUE(probe.waitFor(seen + 1)) << "the manager thread took no tick";
+        if (TimerManager::_pMsgQueue.load()->send(tick) != 0 || !probe.waitFor(seen + 1))
+            return false;
         mgr->removeTimer(nullptr, 0);  // waits until the pass ends: it takes the list lock
+        return true;
     }
     TimerManager* mgr = TimerManager::instance();
     Recorder probe;
@@ -200,20 +202,23 @@ TEST_F(Timers, CountDownFiringAndTheirTexts) {
     for (const auto& row : rows) {
         SetUp();
         Recorder handler;
-        testing::internal::CaptureStdout();
+        s2etest::FdCapture out;
         mgr->addTimer(&handler, row.kind, row.ms, 7);
         std::vector<size_t> calls;
-        for (size_t i = 0; i < row.callsAfterEachTick.size(); ++i)
-            tick(), calls.push_back(handler.count());
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.text) << row.ms;
+        for (size_t i = 0; i < row.callsAfterEachTick.size(); ++i) {
+            ASSERT_TRUE(tick()) << row.ms;
+            calls.push_back(handler.count());
+        }
+        EXPECT_EQ(out.text(), row.text) << row.ms;
         EXPECT_EQ(calls, row.callsAfterEachTick) << row.ms;
         mgr->removeTimer(&handler, 7);
-        tick();
+        ASSERT_TRUE(tick());
         EXPECT_EQ(handler.count(), calls.back()) << "removed: fires no more";
     }
 }
 
-// The real source: the manager's queue has the counter's first key, ticks come every 100 ms.
+// The real source: the manager's queue has the counter's first key, ticks come every 100 ms, and
+// stopped ones are counted but not sent.
 TEST(TimerManager, StartedTicksComeEveryTenthOfASecond) {
     IN_A_FRESH_PROCESS("ticks");
     Recorder probe;
@@ -226,11 +231,17 @@ TEST(TimerManager, StartedTicksComeEveryTenthOfASecond) {
     const auto start = Clock::now();
     while (TimerManager::tickCount < 6 && Clock::now() - start < 10s) usleep(5000);
     const auto took = Clock::now() - start;
-    TimerManager::stopTicks();
-    EXPECT_TRUE(probe.waitFor(1)) << "ticks drive the timers";
     EXPECT_GE(took, 590ms)
         << "the sixth tick comes 100 + 5 * 100 ms after the start at the earliest";
     EXPECT_LT(took, 3000ms) << "with ticks of a second it would take 5.1 s";
+    EXPECT_TRUE(probe.waitFor(1)) << "running ticks drive the timers";
+    TimerManager::stopTicks();
+    usleep(200 * 1000);  // a tick sent before the stop has its pass
+    const uint32_t counted = TimerManager::tickCount;
+    const size_t fired = probe.count();
+    usleep(300 * 1000);
+    EXPECT_GT(TimerManager::tickCount, counted) << "stopped ticks are counted";
+    EXPECT_EQ(probe.count(), fired) << "but not sent";
 }
 
 // Without a queue every receive fails at once; the manager thread retries for ever, so the process

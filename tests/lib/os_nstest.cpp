@@ -137,7 +137,7 @@ struct Recorder : TimerHandler {
     }
     bool waitFor(size_t n) {
         std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 30s, [&] { return times.size() >= n; });
+        return changed.wait_for(lock, 10s, [&] { return times.size() >= n; });
     }
     size_t count() {
         std::lock_guard<std::mutex> lock(mutex);

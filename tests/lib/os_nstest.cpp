@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/time.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <future>
 #include <mutex>
@@ -147,7 +148,7 @@ struct Recorder : TimerHandler {
     std::condition_variable changed;
     std::vector<Clock::time_point> times;
 };
-Recorder* expiring;
+std::atomic<Recorder*> expiring{nullptr};  // read on the timer's own thread
 
 // First expiry about 100 ms after start, then one per period. A timer is never early but may be
 // late under load, so each expiry is bounded below by its schedule and above with slack: enough
@@ -156,7 +157,7 @@ TEST(IntervalTimer, FirstAfterATenthThenOnePerPeriod) {
     for (int32_t period : {1500, 0}) {
         Recorder got;
         expiring = &got;
-        IntervalTimer timer(period, [](sigval) { expiring->onTimer(0); });
+        IntervalTimer timer(period, [](sigval) { expiring.load()->onTimer(0); });
         const auto start = Clock::now();
         timer.start();
         ASSERT_TRUE(got.waitFor(period > 0 ? 3 : 1));

@@ -1,15 +1,14 @@
-// Buffers and small utilities: CircleBuffer's texts and lock (its data rules are checked against a
-// model in fuzz/circle_buffer_fuzz), MsgBufferPool, the checksums and the text parsers. Private
-// namespaces: the pool logs through the debug unit, whose file is /root/dbg.txt.
+// Buffers and small utilities: CircleBuffer's texts and lock, MsgBufferPool's texts and limits, and
+// the text parsers. The data rules of the ring and the pool and the checksums are checked against
+// models in fuzz/. Private namespaces: the pool logs through the debug unit, whose file is
+// /root/dbg.txt.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 #include <vector>
 
 #include "CircleBuffer.h"
-#include "Crc.h"
 #include "MsgBufferPool.h"
 #include "TestSupport.h"
 #include "TextUtil.h"
@@ -47,12 +46,8 @@ TEST(CircleBuffer, ProducersAndConsumersOnSeveralThreads) {
     auto produce = [&](int id) {
         for (uint32_t seq = 1; seq <= kRecords; ++seq) {
             while (ring.getFreeSize() < 12) std::this_thread::yield();
-            const Int8 r[6] = {0x7E,
-                               Int8(0x80 | id),
-                               Int8(0x80 | (seq >> 12)),
-                               Int8(0x80 | ((seq >> 6) & 0x3F)),
-                               Int8(0x80 | (seq & 0x3F)),
-                               0x7F};
+            Int8 r[6] = {0x7E, Int8(0x80 | id), 0, 0, 0, 0x7F};  // sequence in 6-bit digits
+            for (int i = 0; i < 3; ++i) r[2 + i] = Int8(0x80 | ((seq >> (12 - 6 * i)) & 0x3F));
             ASSERT_EQ(ring.insertData(r, 6), 0);
         }
     };
@@ -83,102 +78,34 @@ std::string counts() {
     debugLevel = 0;
     return info.substr(0, info.find('\n'));
 }
-template <typename T>
-T field(const uint8_t* at) {
-    T value;
-    memcpy(&value, at, sizeof value);
-    return value;
-}
-uint16_t bodyLen(const MsgBuf& b) {
-    return field<uint16_t>(b.header + 40);  // the header's layout, not the pool's constants
-}
-uint8_t* body(const MsgBuf& b) {
-    return field<uint8_t*>(b.header + 42);
-}
-uint8_t* pdata(const MsgBuf& b) {
-    return field<uint8_t*>(b.header + 50 + offsetof(S_ProtocolMsg, pdata));
-}
-
 class Pool : public ::testing::Test {
   protected:
     void TearDown() override { EXPECT_EQ(MsgBufferPool::destroyPool(), 0); }
 };
 
-TEST_F(Pool, LayoutFirstFitGrowthAndHeaderByType) {
+// The pool's rules are checked against a model in fuzz/msg_pool_fuzz; here its texts and counts.
+TEST_F(Pool, NotesAndCounts) {
     EXPECT_EQ(MsgBufferPool::initPool(2, 0), 0);
-    EXPECT_EQ(MsgBufferPool::initPool(9, 64), 0);  // later calls change nothing
     MsgBuf b = MsgBufferPool::allocMsgBuf(3, 512, 1);
-    EXPECT_EQ(b.dataSize, 1024);
-    EXPECT_EQ(b.blockSize, 1176);
-    EXPECT_EQ(b.header - b.block, 4);
-    EXPECT_EQ(b.trailer - b.block, 132);
-    EXPECT_EQ(b.data - b.block, 152);
-    EXPECT_EQ(field<uint32_t>(b.block), 1u);
     EXPECT_EQ(counts(), "MsgBufferPool info: free 1, total 2");
     debugLevel = 1;
-    MsgBuf big;
-    EXPECT_EQ(captureStdout([&] { big = MsgBufferPool::allocMsgBuf(2, 513, 0x20); }),
+    EXPECT_EQ(captureStdout([&] { b = MsgBufferPool::allocMsgBuf(2, 513, 0x20); }),
               "NOTE: MsgBufferPool::allocMsgBuf: no proper memory, allocate one. size is 1026, "
               "owner is 0x20\n");
     debugLevel = 0;
-    EXPECT_EQ(big.blockSize, 1178);
-    EXPECT_EQ(bodyLen(big), 81);
-    EXPECT_EQ(body(big), big.header + 50);
-    EXPECT_EQ(pdata(big), big.data);
-    MsgBufferPool::freeMsgBuf(big, 0x20);  // to the back of the free list: one 1024, then 1026
-    MsgBuf small = MsgBufferPool::allocMsgBuf(4, 1, 1);
-    EXPECT_NE(small.block, big.block);
-    EXPECT_EQ(bodyLen(small), 262);
-    EXPECT_EQ(body(small), small.data);
-    EXPECT_EQ(MsgBufferPool::allocMsgBuf(5, 513, 1).block, big.block);
-    for (uint16_t type : {6, 7}) EXPECT_EQ(bodyLen(MsgBufferPool::allocMsgBuf(type, 1, 1)), 76);
-    MsgBuf odd;
-    EXPECT_EQ(captureStdout([&] { odd = MsgBufferPool::allocMsgBuf(8, 1, 1); }),
-              " Msg type error! Fail to allocate msgbuf! \n");
-    EXPECT_EQ(odd.state, MSGBUF_USED);
-    EXPECT_EQ(field<uint32_t>(odd.header), 8u);
-}
-
-TEST_F(Pool, ReferencesOwnersAndCopies) {
-    MsgBufferPool::initPool(4, 0);
-    MsgBuf a = MsgBufferPool::allocMsgBuf(2, 100, 0x1), b;
     EXPECT_EQ(captureStdout([&] {
-                  b = MsgBufferPool::duplicate(a, 0);
-                  MsgBufferPool::freeMsgBuf(b, 0);
+                  MsgBufferPool::copyMsgBuf(b);
+                  MsgBufferPool::freeMsgBuf(b = MsgBufferPool::duplicate(b, 0), 0);
+                  MsgBufferPool::allocMsgBuf(8, 1, 1);
               }),
+              "NOTE: MsgBufferPool::allocMsgBuf: anonymous owner......\n"
               "NOTE: MsgBufferPool::duplicate: anonymous owner......\n"
-              "NOTE: MsgBufferPool::freeMsgBuf: anonymous owner......\n");
-    b = MsgBufferPool::duplicate(a, 0x6);
-    EXPECT_EQ(b.block, a.block);
-    EXPECT_EQ(field<uint32_t>(a.block), 2u);
-    EXPECT_EQ(*a.owners, 0x7u);
-    for (int i = 0; i < 200; ++i) a.data[i] = uint8_t(i);
-    uint8_t* inside = a.data + 10;
-    memcpy(a.header + 50 + offsetof(S_ProtocolMsg, pdata), &inside, sizeof inside);
-    a.userLen = 77;
-    MsgBuf copy;
-    EXPECT_EQ(captureStdout([&] { copy = MsgBufferPool::copyMsgBuf(a); }),
-              "NOTE: MsgBufferPool::allocMsgBuf: anonymous owner......\n");
-    EXPECT_NE(copy.block, a.block);
-    EXPECT_EQ(copy.userLen + copy.msgType, 79);
-    EXPECT_EQ(pdata(copy), copy.data + 10);
-    EXPECT_EQ(body(copy), copy.header + 50);
-    EXPECT_EQ(memcmp(copy.data, a.data, 200), 0);
-    EXPECT_EQ(MsgBufferPool::freeMsgBuf(a, 0x1), 0);
-    EXPECT_EQ(a.state, MSGBUF_FREE);
-    EXPECT_EQ(*b.owners, 0x6u);
-    EXPECT_EQ(MsgBufferPool::freeMsgBuf(a, 0x1), -1);  // a holds no reference any more
-    EXPECT_EQ(MsgBufferPool::duplicate(a, 0x8).state, MSGBUF_INVALID);
-    EXPECT_EQ(MsgBufferPool::copyMsgBuf(a).state, MSGBUF_INVALID);
-    EXPECT_EQ(MsgBufferPool::makeProtocolMsg(a), -1);
-    b.data += 20;  // the last free resets the data pointer and puts the buffer at the back
-    MsgBufferPool::freeMsgBuf(b, 0x6);
-    EXPECT_EQ(*b.owners, 0x0u);
-    MsgBuf back{};
-    for (int i = 0; i < 4 && back.block != b.block; ++i) back = MsgBufferPool::allocMsgBuf(3, 1, 1);
-    EXPECT_EQ(back.data, b.block + 152);
+              "NOTE: MsgBufferPool::freeMsgBuf: anonymous owner......\n"
+              " Msg type error! Fail to allocate msgbuf! \n");
 }
 
+// The sizes refused are those whose doubled block would not fit 16 bits; the top bit of an
+// allocation size is not part of it.
 TEST_F(Pool, SizeLimitsReleaseAndUsage) {
     EXPECT_EQ(captureStdout([] { EXPECT_EQ(MsgBufferPool::initPool(1, 65384), -1); }),
               "ERR: MsgBufferPool::initPool: data size 65384 too large, refused!\n");
@@ -187,38 +114,18 @@ TEST_F(Pool, SizeLimitsReleaseAndUsage) {
     EXPECT_EQ(captureStdout([&] { refused = MsgBufferPool::allocMsgBuf(3, 32692, 1); }),
               "ERR: MsgBufferPool::allocMsgBuf: size 32692 too large, refused!\n");
     EXPECT_EQ(refused.state, MSGBUF_INVALID);
-    MsgBuf masked = MsgBufferPool::allocMsgBuf(3, 0x8001, 1);  // the top bit is masked off
-    EXPECT_EQ(masked.state, MSGBUF_USED);
+    MsgBuf masked = MsgBufferPool::allocMsgBuf(3, 0x8001, 1);
+    EXPECT_TRUE(masked.state == MSGBUF_USED && masked.dataSize >= 2);
     MsgBufferPool::freeMsgBuf(masked, 1);
     MsgBuf largest = MsgBufferPool::allocMsgBuf(3, 32691, 1);
     EXPECT_EQ(largest.blockSize, 65535);
     EXPECT_EQ(captureStdout([&] { MsgBufferPool::copyMsgBuf(largest); }),
               "ERR: MsgBufferPool::copyMsgBuf: size 65383 too large, refused!\n");
-    EXPECT_EQ(MsgBufferPool::releasePool(), 0);
+    EXPECT_EQ(MsgBufferPool::releasePool() + MsgBufferPool::poolUsagePercent(), 0u);
     EXPECT_EQ(counts(), "MsgBufferPool info: free 0, total 0");
-    EXPECT_EQ(MsgBufferPool::poolUsagePercent(), 0u);
     MsgBufferPool::initPool(300, 16);
     for (int i = 0; i < 300; ++i) MsgBufferPool::allocMsgBuf(3, 8, 1);
     EXPECT_EQ(MsgBufferPool::poolUsagePercent(), 14u);  // 300 & 0xFF = 44; 44 * 100 / 300
-}
-
-TEST(Checksums, CatalogueValuesPiecesAndTables) {
-    const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'}, one = 1;
-    EXPECT_EQ(crc16(check, 9), 0x31C3);                // CRC-16/XMODEM
-    EXPECT_EQ(crc16Update(0xFFFF, check, 9), 0x29B1);  // CRC-16/IBM-3740
-    EXPECT_EQ(crc16Resume(check + 4, 5, crc16Update(0xFFFF, check, 4)), 0x29B1);
-    EXPECT_EQ(crc16Resume(check, 0, 0xBEEF), 0xBEEF);
-    EXPECT_EQ(crc16Table[2], 0x2042);
-    EXPECT_EQ(crc32(check, 9), 0x340BC6D9u);  // CRC-32/JAMCRC, the complement of the IEEE CRC-32
-    EXPECT_EQ(crc32(check, 0), 0xFFFFFFFFu);
-    EXPECT_EQ(crc32Raw(check, 9), 0x2DFD2D88u);
-    EXPECT_EQ(crc32Raw(&one, 1), 0x77073096u);
-    EXPECT_EQ(crc32Table[2], 0xEE0E612Cu);
-    uint32_t r = 0xFFFFFFFFu;
-    for (uint8_t b : check) r = crc32Step(r, 0xABCD0000u | b);  // only the low 8 bits count
-    EXPECT_EQ(r, 0x340BC6D9u);
-    crc32BuildTable();  // rebuilding changes nothing
-    EXPECT_EQ(crc32Raw(check, 9), 0x2DFD2D88u);
 }
 
 // The field before the first dot is never converted; decimals are summed with single-precision
@@ -229,24 +136,16 @@ TEST(TextUtil, DottedNumbersAndDecimals) {
     EXPECT_EQ(v[0] + v[1] + v[2], 22u + 333u + 7u);
     EXPECT_EQ(parseDottedNumbers("12345", v) + parseDottedNumbers(nullptr, v), -1);
     EXPECT_EQ(parseDottedNumbers("1.2", nullptr), -1);
-    const struct {
-        const char* text;
-        float value;
-        long consumed;
-    } rows[] = {{"  -12.5x", -12.5f, 7},
-                {"3.", 3.0f, 2},
-                {"+5", 0.0f, 0},
-                {"167772153", 0x1.4p+27f, 9},
-                {"0.9", 0x1.cccccep-1f, 3},
-                {"9.87654321", 0x1.3c0ca2p+3f, 10}};
+    // clang-format off
+    const struct { const char* text; float value; long consumed; } rows[] = {
+        {"  -12.5x", -12.5f, 7}, {"3.", 3.0f, 2}, {"+5", 0.0f, 0}, {"167772153", 0x1.4p+27f, 9},
+        {"0.9", 0x1.cccccep-1f, 3}, {"9.87654321", 0x1.3c0ca2p+3f, 10}, {nullptr, 0.0f, 0}};
+    // clang-format on
     for (const auto& row : rows) {
         char* end = nullptr;
-        EXPECT_EQ(parseDecimal(row.text, &end), row.value) << row.text;
-        EXPECT_EQ(end - row.text, row.consumed) << row.text;
+        EXPECT_EQ(parseDecimal(row.text, &end), row.value) << &row - rows;
+        EXPECT_EQ(end == nullptr ? 0 : end - row.text, row.consumed) << &row - rows;
     }
-    char* end = nullptr;
-    EXPECT_EQ(parseDecimal(nullptr, &end), 0.0f);
-    EXPECT_EQ(end, nullptr);
 }
 
 }  // namespace

@@ -1,16 +1,10 @@
 // Device drivers: the serial adapters on pseudo-terminals (line settings read back, control
-// commands, reset, every byte value both ways, failure texts) and the GPIO adapter against a
-// stand-in driver defined in this program: open, ioctl and close here serve the fake node and pass
-// every other call on to the next definition (sanitizer runtime or C library).
-#ifdef _FORTIFY_SOURCE
-#undef _FORTIFY_SOURCE  // its inline open() wrapper would clash with the definition below
-#endif
+// commands, reset, failure texts) and the GPIO adapter against a stand-in driver defined in this
+// program.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
-#include <sys/mman.h>
 
 #include <cstdarg>
 
@@ -24,89 +18,61 @@ using s2etest::captureStdout;
 
 namespace {
 
-constexpr char kFakeNode[] = "/nonexistent-s2e-gpio/gpiochip";
-// The stand-in driver's state; one test thread uses it (made once: close() at exit still looks).
-struct FakeGpio {
-    std::string trace;  // every request that reached the driver, in order
-    int fd = -1;
-    uint32_t level = 0;
-    bool failOpen = false, failPinmux = false, failPin = false;
-}& fake = *new FakeGpio;
-template <class Fn>
-Fn next(const char* name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+// The stand-in driver: the adapter opens /dev/null, and its requests, known by their codes, are
+// recorded here instead of reaching the real ioctl; every other call goes on to the next
+// definition (sanitizer runtime or C library).
+std::string trace;
+bool failPinmux = false, failPin = false;
 
 }  // namespace
-
-extern "C" int open(const char* path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode =
-        (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    if (strcmp(path, kFakeNode) != 0)
-        return next<int (*)(const char*, int, ...)>("open")(path, flags, mode);
-    fake.trace += (flags & O_ACCMODE) == O_RDWR ? "open|" : "open not rw|";
-    return fake.fd = fake.failOpen ? -1 : memfd_create("fake-gpio", MFD_CLOEXEC);
-}
 
 extern "C" int ioctl(int fd, unsigned long code, ...) noexcept {
     va_list args;
     va_start(args, code);
     auto* r = va_arg(args, GpioRequest*);
     va_end(args);
-    if (fd != fake.fd) return next<int (*)(int, unsigned long, ...)>("ioctl")(fd, code, r);
-    const bool pinmux = code == GPIO_SET_PINMUX;
-    fake.trace += pinmux                   ? "pinmux "
-                  : code == GPIO_WRITE_PIN ? "write "
-                  : code == GPIO_READ_PIN  ? "read "
-                                           : "? ";
+    const bool pinmux = code == GPIO_SET_PINMUX, read = code == GPIO_READ_PIN;
+    if (!pinmux && !read && code != GPIO_WRITE_PIN)
+        return reinterpret_cast<int (*)(int, unsigned long, ...)>(dlsym(RTLD_NEXT, "ioctl"))(
+            fd, code, r);
+    trace += pinmux ? "pinmux " : read ? "read " : "write ";
     for (uint32_t field : {r->bank, r->pin, r->value, r->reserved})
-        fake.trace += std::to_string(field) + " ";
-    fake.trace.back() = '|';
-    if (pinmux ? fake.failPinmux : fake.failPin) return -1;
-    if (code == GPIO_READ_PIN) r->value = fake.level;
+        trace += std::to_string(field) + " ";
+    trace.back() = '|';
+    if (pinmux ? failPinmux : failPin) return -1;
+    if (read) r->value = 0x1FE;
     return 0;
-}
-
-extern "C" int close(int fd) {
-    if (fd == fake.fd) fake.trace += "close|", fake.fd = -1;
-    return next<int (*)(int)>("close")(fd);
 }
 
 namespace {
 
-// Requests and their fields, results added up, texts, and the low byte of the level read.
+// Requests and their fields, results added up, texts, and the low byte of the level read; the
+// node is closed after every request (the lowest free descriptor stays free).
 TEST(Gpio, RequestsResultsAndTexts) {
-    GpioAdpater gpio(kFakeNode);
-    fake.level = 0x1FE;
     debugLevel = LOG_INFO;
-    const std::string
-        both = "open|pinmux 3 4 0 0|write 3 4 1 0|close|open|pinmux 3 4 0 0|read 3 4 0 0|close|",
-        openFailed = "open gpio node /nonexistent-s2e-gpio/gpiochip failed\n";
-    const struct {
-        bool failOpen, failPinmux, failPin;
-        int32_t result;  // of the write and of the read
-        std::string text, trace;
-        uint8_t level;
-    } rows[] = {
-        {false, false, false, 0, "gpio3_4=510\n", both, 0xFE},
-        {false, true, true, -2, "set  gpio  pinmux fail\nset  gpio  pinmux fail\nread gpio fail\n",
-         both, 0},
-        {false, false, true, -1, "read gpio fail\n", both, 0},
-        {true, false, false, -1, openFailed + openFailed, "open|open|", 0x77},
-    };
+    const std::string both = "pinmux 3 4 0 0|write 3 4 1 0|pinmux 3 4 0 0|read 3 4 0 0|",
+                      openFailed = "open gpio node /nonexistent-s2e-gpio failed\n";
+    // clang-format off
+    const struct { const char* node; bool failPinmux, failPin; int32_t result; std::string text, trace; uint8_t level; } rows[] = {
+        {"/dev/null", false, false, 0, "gpio3_4=510\n", both, 0xFE},
+        {"/dev/null", true, true, -2, "set  gpio  pinmux fail\nset  gpio  pinmux fail\nread gpio fail\n", both, 0},
+        {"/nonexistent-s2e-gpio", false, false, -1, openFailed + openFailed, "", 0x77}};
+    // clang-format on
     for (const auto& row : rows) {
-        fake.failOpen = row.failOpen, fake.failPinmux = row.failPinmux, fake.failPin = row.failPin;
-        int32_t w = 9, r = 9;
+        GpioAdpater gpio(row.node);
+        failPinmux = row.failPinmux, failPin = row.failPin;
+        int32_t w = 9, r = 9;  // of the write and of the read
         uint8_t level = 0x77;
+        const int lowest = dup(0);
+        ::close(lowest);
         EXPECT_EQ(
             captureStdout([&] { w = gpio.writePin(3, 4, 1), r = gpio.readPin(3, 4, &level); }),
             row.text);
         EXPECT_EQ(w * 10 + r, row.result * 11);
         EXPECT_EQ(level, row.level) << "a failed read stores what the request held";
-        EXPECT_EQ(std::exchange(fake.trace, ""), row.trace);
+        EXPECT_EQ(std::exchange(trace, ""), row.trace);
+        EXPECT_EQ(dup(0), lowest);
+        ::close(lowest);
     }
     debugLevel = 0;
 }
@@ -159,6 +125,10 @@ class Pty : public ::testing::Test {
                   speed != B576000 || !highSpeedsLost());
         EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
     }
+    speed_t speed() const {
+        const termios t = attributes();
+        return cfgetispeed(&t) == cfgetospeed(&t) ? cfgetospeed(&t) : B0;
+    }
     int master = -1, slave = -1;
     std::string node;
 };
@@ -170,18 +140,6 @@ struct Port : Base {
     using Base::Base;
     using Base::portState;
 };
-// Collects `count` bytes with `read`, each wait bounded so a lost byte fails instead of hanging.
-template <class Read>
-std::vector<uint8_t> collect(int pollFd, size_t count, Read read) {
-    std::vector<uint8_t> got(count);
-    size_t used = 0;
-    pollfd waiter{pollFd, POLLIN, 0};
-    for (long n = 0; used < count && poll(&waiter, 1, 5000) == 1; used += size_t(n)) {
-        if ((n = read(&got[used], count - used)) <= 0) break;
-    }
-    got.resize(used);
-    return got;
-}
 
 TEST_F(Pty, OpenRawLinesControlAndReset) {
     Port<Rs232Adapter> rs232(1);
@@ -197,11 +155,11 @@ TEST_F(Pty, OpenRawLinesControlAndReset) {
     expectRawLine(B115200, rs485._fd);
     captureStdout([&] { EXPECT_EQ(rs232.open(node.c_str(), 2), 0); });  // the bridge's flags
     EXPECT_EQ(rs232.control(1, B2400), 0);
-    EXPECT_EQ(cfgetospeed(&static_cast<const termios&>(attributes())), speed_t(B2400));
+    EXPECT_EQ(speed(), speed_t(B2400));
     EXPECT_EQ(rs232.control(1, 4102), 0);  // the bridge's call: B576000
     expectRawLine(B576000, rs232._fd);
     EXPECT_EQ(rs485.control(1, B57600), 0);
-    EXPECT_EQ(cfgetispeed(&static_cast<const termios&>(attributes())), speed_t(B57600));
+    EXPECT_EQ(speed(), speed_t(B57600));
     // Command 2: RS-485 ORs the value (and CREAD) into c_cflag, RS-232 only reads.
     termios t = attributes();
     t.c_cflag &= ~tcflag_t(CLOCAL | CSTOPB);
@@ -210,39 +168,17 @@ TEST_F(Pty, OpenRawLinesControlAndReset) {
         rs232.control(2, CLOCAL | CSTOPB) + rs232.control(7, PARODD) + rs485.control(7, PARODD), 0);
     EXPECT_EQ(attributes().c_cflag & (CLOCAL | CSTOPB | PARODD), 0u);
     EXPECT_EQ(rs485.control(2, CLOCAL) + rs485.control(2, CSTOPB), 0);
-    EXPECT_EQ(attributes().c_cflag & (CLOCAL | CSTOPB), tcflag_t(CLOCAL | CSTOPB));
+    EXPECT_EQ(attributes().c_cflag & (CLOCAL | CSTOPB | CSIZE), tcflag_t(CLOCAL | CSTOPB | CS8));
+    EXPECT_EQ(speed(), speed_t(B57600));
     const int fd = rs232._fd;
     EXPECT_EQ(captureStdout([&] { EXPECT_EQ(rs232.resetDevice(), -1); }), "");
     EXPECT_EQ(rs232._fd, fd);
     // RS-485 reopens with the last path and flags (O_NONBLOCK comes back) and sets the line again.
     EXPECT_EQ(captureStdout([&] { EXPECT_EQ(rs485.resetDevice(), 0); }),
               "Rs485Adapter::resetDevice()\n ");
-    EXPECT_EQ(cfgetospeed(&static_cast<const termios&>(attributes())), speed_t(B115200));
+    EXPECT_EQ(speed(), speed_t(B115200));
     EXPECT_NE(fcntl(rs485._fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(rs232.close() + rs485.close(), 0);
-}
-
-// Every byte value crosses unchanged both ways (no CR/NL mapping, no flow-control, signal or erase
-// characters eaten, no stripping) and nothing is echoed back.
-TEST_F(Pty, EveryByteValueCrossesBothWays) {
-    std::vector<uint8_t> pattern(256);
-    for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = uint8_t(i);
-    Port<Rs232Adapter> rs232(1);
-    Port<Rs485Adapter> rs485(2);
-    for (CommPortDriver* port :
-         {static_cast<CommPortDriver*>(&rs232), static_cast<CommPortDriver*>(&rs485)}) {
-        captureStdout([&] { ASSERT_EQ(port->open(node.c_str(), O_RDWR), 0); });
-        ASSERT_EQ(::write(master, pattern.data(), 256), 256);
-        EXPECT_EQ(
-            collect(slave, 256, [&](uint8_t* p, size_t n) { return port->read(p, uint32_t(n)); }),
-            pattern);
-        ASSERT_EQ(port->write(pattern.data(), 256), 256);
-        EXPECT_EQ(collect(master, 256, [&](uint8_t* p, size_t n) { return ::read(master, p, n); }),
-                  pattern);
-        pollfd echo{master, POLLIN, 0};
-        EXPECT_EQ(poll(&echo, 1, 50), 0) << "nothing may come back on its own";
-        EXPECT_EQ(port->close(), 0);
-    }
 }
 
 TEST(SerialPorts, FailuresAndTheirTexts) {
@@ -250,7 +186,6 @@ TEST(SerialPorts, FailuresAndTheirTexts) {
     Port<Rs485Adapter> rs485(2);
     const char* missing = "/nonexistent-s2e-dir/tty";
     uint8_t byte = 0;
-    EXPECT_STREQ(rs232.getDeviceName(), "");
     EXPECT_EQ(captureStdout([&] {
                   EXPECT_EQ(rs232.open(missing, O_RDWR) + rs485.open(missing, O_RDWR) +
                                 rs485.resetDevice() + rs232.write(&byte, 1) + rs232.read(&byte, 1),
@@ -259,18 +194,18 @@ TEST(SerialPorts, FailuresAndTheirTexts) {
               }),
               std::string("CommPortDriver::open ") + missing + " fail\n_fd=-1 < 0 error!\n");
     EXPECT_STREQ(rs232.getDeviceName(), missing);  // the failed open still took the name
-    EXPECT_EQ(captureStdout([&] { EXPECT_EQ(rs232.open("/dev/null", O_RDWR), -1); }),
-              "CommPortDriver::open /dev/null seccess!\nRs232Adapter::open():Can't set termios\n");
     EXPECT_EQ(captureStdout([&] {
-                  EXPECT_EQ(rs485.open("/dev/null", O_RDWR) + rs485.control(1, B9600), -2);
+                  EXPECT_EQ(rs232.open("/dev/null", O_RDWR) + rs485.open("/dev/null", O_RDWR) +
+                                rs485.control(1, B9600),
+                            -3);
               }),
+              "CommPortDriver::open /dev/null seccess!\nRs232Adapter::open():Can't set termios\n"
               "Can't set termios"
               "Can't set termios");
     EXPECT_EQ(rs232.portState + rs485.portState, 2 * CommPortDriver::PORT_OPENED);
     ASSERT_EQ(::close(rs232._fd), 0);  // behind the port's back, so that its close fails
     const int fd = rs232._fd;
-    EXPECT_EQ(rs232.close(), -1);
-    EXPECT_EQ(rs232._fd, fd);
+    EXPECT_EQ(rs232.close() * 1000 + rs232._fd, -1000 + fd);
     EXPECT_EQ(rs485.close(), 0);
     s2etest::Child zero([] {  // a port on descriptor 0 drops it unclosed
         ::close(0);

@@ -176,14 +176,4 @@ TEST_F(Bridge, BusyInterfaceIsTakenAfterStoppingTheDhcpClient) {
     close(fd);
 }
 
-TEST_F(Bridge, AddressHelpersOnTheBridgesInterface) {
-    const uint8_t mac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-    uint8_t got[6] = {};
-    s2etest::FdCapture out;
-    bridge->setMac("uart2eth0", mac);
-    EXPECT_EQ(out.text(), "Set interface MAC 02:11:22:33:44:55\n");
-    bridge->getMac("uart2eth0", got);
-    EXPECT_EQ(Bytes(got, got + 6), Bytes(mac, mac + 6));
-}
-
 }  // namespace

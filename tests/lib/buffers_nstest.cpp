@@ -1,11 +1,9 @@
-// Buffers and small utilities: CircleBuffer's texts and lock, MsgBufferPool's texts and limits, and
+// Buffers and small utilities: CircleBuffer's texts, MsgBufferPool's texts and limits, and
 // the text parsers. The data rules of the ring and the pool and the checksums are checked against
 // models in fuzz/. Private namespaces: the pool logs through the debug unit, whose file is
 // /root/dbg.txt.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
 #include <vector>
 
 #include "CircleBuffer.h"
@@ -35,40 +33,6 @@ TEST(CircleBuffer, OverflowTextsAndTheRingIsEmptied) {
     EXPECT_EQ(ring.getMessage(out.data(), "H", "T", 1) + ring.getMessage(out.data(), "H", "T", 0),
               0u);
     EXPECT_EQ(out[0] + ring.getDataSize(), '#' + 0u);
-}
-
-// Two producers append records while one consumer cuts them with getFrame and another with
-// getMessage: every record arrives whole and in order per producer.
-TEST(CircleBuffer, ProducersAndConsumersOnSeveralThreads) {
-    CircleBuffer ring(1);
-    constexpr uint32_t kRecords = 20000;
-    std::atomic<uint32_t> received{0}, bad{0};
-    auto produce = [&](int id) {
-        for (uint32_t seq = 1; seq <= kRecords; ++seq) {
-            while (ring.getFreeSize() < 12) std::this_thread::yield();
-            Int8 r[6] = {0x7E, Int8(0x80 | id), 0, 0, 0, 0x7F};  // sequence in 6-bit digits
-            for (int i = 0; i < 3; ++i) r[2 + i] = Int8(0x80 | ((seq >> (12 - 6 * i)) & 0x3F));
-            ASSERT_EQ(ring.insertData(r, 6), 0);
-        }
-    };
-    auto consume = [&](int consumer) {
-        Int8 f[1024];
-        uint32_t last[2] = {0, 0};
-        while (received < 2 * kRecords) {
-            const uint32_t n =
-                consumer ? ring.getMessage(f, "\x7E", "\x7F", 0) : ring.getFrame(f, 0x7E, 0x7F);
-            if (n == 0) continue;
-            const auto* b = reinterpret_cast<const uint8_t*>(f);
-            const uint32_t id = b[1] & 1,
-                           seq = (b[2] & 0x3Fu) << 12 | (b[3] & 0x3Fu) << 6 | (b[4] & 0x3Fu);
-            if (n != 6 || b[5] != 0x7F || seq <= last[id]) ++bad, received = 2 * kRecords;
-            last[id] = seq, ++received;
-        }
-    };
-    std::thread threads[] = {std::thread(consume, 0), std::thread(consume, 1),
-                             std::thread(produce, 0), std::thread(produce, 1)};
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(bad.load(), 0u);
 }
 
 // Free and total counts as the info dump reports them.

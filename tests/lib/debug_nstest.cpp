@@ -1,6 +1,6 @@
-// The debug unit: decorated printer, the log's console, file
-// and network sinks, hex and protocol message dumps, sub socket. Private namespaces: the debug file
-// is /root/dbg.txt. Peers are UDP sockets on 127.0.0.1.
+// The debug unit: decorated printer, the log's console, file and network sinks, hex dumps, the
+// protocol record's layout, sub socket. Private namespaces: the debug file is /root/dbg.txt. Peers
+// are UDP sockets on 127.0.0.1.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -159,67 +159,20 @@ TEST(ProtocolMsg, FieldOffsets) {
     for (const auto& row : rows) EXPECT_EQ(row.first, row.second) << &row - rows;
 }
 
-// The lines of one address variant: "  name", blanks up to the value's column, "value \n".
-std::string variant(const std::string& prefix, size_t column, const char* names,
-                    const char* values) {
-    std::istringstream n(names), v(values);
-    std::string text, name, value;
-    while (n >> name && v >> value)
-        text += "  " + prefix + name + std::string(column - 2 - prefix.size() - name.size(), ' ') +
-                value + " \n";
-    return text;
-}
-
-// Level 0 prints nothing, level 1 the addresses, level 2 the data too; the variant's lines follow
-// the low four bits of the protocol byte.
-TEST_F(Debug, ProtocolMessageDumpByVariantAndLevel) {
-    const uint8_t data[3] = {0xF0, 0xF7, 0xFE};
-    S_ProtocolMsg m;
-    memset(&m, 0xEE, sizeof m);
-    m.pkgType = 0x5A, m.srcDeviceID = 0x1234, m.destDeviceID = 0xABCD, m.pdataLen = 3;
-    m.srcProtocol = 0x13, m.destProtocol = 0x42, m.pdata = const_cast<uint8_t*>(data);
-    m.srcNPC = S_NPC{0x31, 0x32, 0x33, 0x34};
-    m.destNPB = S_NPB{0x21, 0xA1B2C3D4, 0x22, 0x10, 0x23, 0xBEEF, 0x24, 0x25};
-    FdCapture out;
-    for (int level : {0, 1, 2}) {
-        debugLevel = level;
-        dumpProtocolMsg(&m);
-        if (level == 1) m.destProtocol = 0x04;  // no variant of that number
-    }
-    const std::string head =
-        "\nS_ProtocolMsg content:  pkgType  5a  ---------\n--srcProtocol  13 \n  srcDeviceID  1234 "
-        "\n" +
-        variant("srcNPC.", 24, "npID moduleNum moduleType mcpID", "31 32 33 34") +
-        "--destProtocol  ";
-    EXPECT_EQ(
-        out.text(),
-        head + "42 \n  destDeviceID  abcd \n" +
-            variant(
-                "destNPB.", 26,
-                "npID srcStationNum srcDeviceNum destStationNum destDeviceNum pkgNum control mcpID",
-                "21 a1b2c3d4 22 00000010 23 beef 24 25") +
-            "--pdata: \n" + head + "04 \n  destDeviceID  abcd \n--pdata: len 3: \nF0 F7 FE \n\n");
-}
-
-// The sub socket: its private default is only checked, never sent to. Then creation failures.
+// The sub socket, opened on its private default first (never sent to); then creation failures.
 TEST_F(Debug, SubSocketAndSocketCreationFailures) {
     const uint8_t byte = 1;
     EXPECT_EQ(sendHexDump(&byte, 1) + subSocketPrintf("off %d\n", 1), -2) << "no sockets yet";
     const DebugPeerAddr broadcast = peerAt(5000, "255.255.255.255"),
                         sub = peerAt(peer.port() + 1, "127.0.0.1");
     ASSERT_EQ(openSubSocket(nullptr) + openSubSocket(&broadcast), 0);  // the second keeps the first
-    EXPECT_EQ((ntohl(subSocketDest.sin_addr.s_addr) >> 16) + ntohs(subSocketDest.sin_port),
-              0xC0A8u + 9998);
     ASSERT_EQ(openSubSocket(&sub), 0);
     FdCapture out;
     EXPECT_EQ(subSocketPrintf("a=%d~\n", 5), 0);
     EXPECT_EQ(peer.receive(), "a=5~\n") << "sent as formatted, untranslated";
     debugLevel = 1;
-    EXPECT_EQ(subSocketPrintf("%s", std::string(1600, 's').c_str()) + subSocketPrintf("%s", ""), 0);
+    EXPECT_EQ(subSocketPrintf("%s", std::string(1600, 's').c_str()), 0);
     EXPECT_EQ(peer.receive(), std::string(1499, 's'));
-    bool got = false;
-    EXPECT_EQ(peer.receive(&got), "");
-    EXPECT_TRUE(got) << "an empty message is an empty datagram";
     EXPECT_EQ(closeSubSocket(), 0);
     EXPECT_EQ(subSocketEnabled + subSocket + debugLevel, 0) << "off, released, threshold kept";
     EXPECT_EQ(subSocketPrintf("closed\n"), -1);

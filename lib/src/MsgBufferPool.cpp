@@ -117,11 +117,13 @@ void writeHeader(MsgBuf& buf, uint16_t msgType) {
 
 // Where a pointer copied from `source` into `target` must point: the same offset in the new block
 // when it pointed into the source block (the data area when that offset is past the new block);
-// a pointer to memory outside the source block is the user's and is kept.
+// a pointer to memory outside the source block is the user's and is kept. The end of the block
+// counts as inside: an empty pdata at the end of a full data area must not keep pointing into a
+// block that may be freed.
 uint8_t* relocate(uint8_t* pointer, const MsgBuf& source, const MsgBuf& target) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(pointer);
     const uintptr_t sourceStart = reinterpret_cast<uintptr_t>(source.block);
-    if (address < sourceStart || address >= sourceStart + source.blockSize) return pointer;
+    if (address < sourceStart || address > sourceStart + source.blockSize) return pointer;
     const uintptr_t offset = address - sourceStart;
     if (offset >= target.blockSize) return target.block + MSGBUF_DATA_OFFSET;
     return target.block + offset;

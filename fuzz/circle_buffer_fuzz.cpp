@@ -9,24 +9,13 @@
 #include <string>
 
 #include "CircleBuffer.h"
+#include "FuzzInput.h"
 #include "debug.h"
 
 namespace {
-struct Input {
-    const uint8_t* data;
-    size_t size;
-    size_t at = 0;
-    bool empty() const { return at >= size; }
-    uint8_t byte() { return at < size ? data[at++] : 0; }
-    uint16_t word() { return static_cast<uint16_t>(byte() | (byte() << 8)); }
-};
-
-void check(bool ok) {
-    if (!ok) abort();
-}
 
 // Delimiter strings are NUL-terminated, so they cannot hold a 0 byte.
-std::string delimiter(Input& in, size_t length) {
+std::string delimiter(FuzzInput& in, size_t length) {
     std::string s;
     for (size_t i = 0; i < length; ++i) {
         const uint8_t b = in.byte();
@@ -92,7 +81,7 @@ bool same(const Int8* bytes, uint32_t n, const std::string& expected) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     debugLevel = -1;  // the overflow messages are expected here; keep the output quiet
-    Input in{data, size};
+    FuzzInput in{data, size};
     const int32_t code = static_cast<int32_t>(in.byte() % 8) - 1;  // includes unknown codes
     CircleBuffer ring(code);
     const size_t capacity = ring.getFreeSize();

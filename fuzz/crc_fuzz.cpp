@@ -4,11 +4,9 @@
 #include <cstdlib>
 
 #include "Crc.h"
+#include "FuzzInput.h"
 
 namespace {
-void check(bool ok) {
-    if (!ok) abort();
-}
 
 // MSB first, polynomial 0x1021.
 uint16_t bitwise16(uint16_t crc, const uint8_t* data, size_t length) {

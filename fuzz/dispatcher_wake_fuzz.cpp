@@ -13,6 +13,7 @@
 
 #include "DispatcherWake.h"
 #include "FrameCodec.h"
+#include "FuzzInput.h"
 
 namespace {
 
@@ -22,22 +23,6 @@ constexpr uint32_t kRingSize = 16384;
 constexpr uint32_t kReadSize = 4096;
 constexpr uint16_t kLimit = 8192;
 constexpr size_t kStreamCap = 400000;  // keeps one input fast
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
-
-class Input {
-  public:
-    Input(const uint8_t* data, size_t size) : p_(data), end_(data + size) {}
-    bool empty() const { return p_ == end_; }
-    uint8_t byte() { return p_ < end_ ? *p_++ : 0; }
-    uint16_t word() { return uint16_t(byte() | (byte() << 8)); }
-
-  private:
-    const uint8_t* p_;
-    const uint8_t* end_;
-};
 
 struct Rng {  // xorshift: long streams from short inputs
     uint64_t s;
@@ -106,7 +91,7 @@ void wokenDrain(ByteRing* ring, DispatcherWake& wake, std::vector<Bytes>& out) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input in(data, size);
+    FuzzInput in(data, size);
     const uint8_t config = in.byte();
     const bool clean = config & 1;
     Rng rng{0x9E3779B97F4A7C15ull ^ (uint64_t(config) << 32) ^ size};

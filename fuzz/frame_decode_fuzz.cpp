@@ -8,12 +8,9 @@
 #include <vector>
 
 #include "FrameCodec.h"
+#include "FuzzInput.h"
 
 namespace {
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
 
 // Unstuffs from `at` to the first 0x7E; `stops[k]` is the input position after the byte that
 // emitted output byte k.

@@ -11,13 +11,10 @@
 #include <vector>
 
 #include "FrameCodec.h"
+#include "FuzzInput.h"
 #include "LineTap.h"
 
 namespace {
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
 
 class CheckingSink : public WireSink {
   public:

@@ -10,22 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "FuzzInput.h"
 #include "MsgBufferPool.h"
 #include "debug.h"
 
 namespace {
-struct Input {
-    const uint8_t* data;
-    size_t size;
-    size_t at = 0;
-    bool empty() const { return at >= size; }
-    uint8_t byte() { return at < size ? data[at++] : 0; }
-    uint16_t word() { return static_cast<uint16_t>(byte() | (byte() << 8)); }
-};
-
-void check(bool ok) {
-    if (!ok) abort();
-}
 
 template <typename T>
 T at(const uint8_t* p) {
@@ -86,7 +75,7 @@ void checkLayout(const MsgBuf& b, uint32_t owner) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     debugLevel = -1;  // the notes are expected here; keep the output quiet
-    Input in{data, size};
+    FuzzInput in{data, size};
     Model m;
     const uint16_t count = in.byte() % 8, initSize = in.byte() & 1 ? in.word() : 0;
     const bool refused = initSize > MSGBUF_MAX_DATA_SIZE;

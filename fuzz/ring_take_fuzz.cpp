@@ -10,30 +10,9 @@
 #include <vector>
 
 #include "FrameCodec.h"
+#include "FuzzInput.h"
 
 namespace {
-
-class Input {
-  public:
-    Input(const uint8_t* data, size_t size) : p_(data), end_(data + size) {}
-    bool empty() const { return p_ == end_; }
-    uint8_t byte() { return p_ < end_ ? *p_++ : 0; }
-    uint16_t word() { return uint16_t(byte() | (byte() << 8)); }
-    const uint8_t* take(size_t* n) {
-        if (*n > size_t(end_ - p_)) *n = size_t(end_ - p_);
-        const uint8_t* at = p_;
-        p_ += *n;
-        return at;
-    }
-
-  private:
-    const uint8_t* p_;
-    const uint8_t* end_;
-};
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
 
 void checkRing(const ByteRing& ring) {
     const uint32_t w = ring.writeIndex.load();
@@ -161,7 +140,7 @@ void take(ByteRing* frames, ByteRing* packets, ByteRing* reported, uint16_t limi
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input in(data, size);
+    FuzzInput in(data, size);
     const uint8_t config = in.byte();
     const int32_t ringSize = (config & 1) ? 1024 : 16384;
     // Sizes other than a power of two from 1024 to 131072 give the default 8192.

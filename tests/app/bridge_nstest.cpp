@@ -176,4 +176,13 @@ TEST_F(Bridge, BusyInterfaceIsTakenAfterStoppingTheDhcpClient) {
     close(fd);
 }
 
+// setMac goes through the shell's ifconfig: the command must fit its buffer to run at all.
+TEST_F(Bridge, MacAddressSetThroughIfconfigReadsBack) {
+    const uint8_t mac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+    uint8_t got[6] = {};
+    bridge->setMac("uart2eth0", mac);
+    bridge->getMac("uart2eth0", got);
+    EXPECT_EQ(Bytes(got, got + 6), Bytes(mac, mac + 6));
+}
+
 }  // namespace

@@ -116,7 +116,7 @@ std::string lowerHex(const uint8_t* bytes, size_t from, size_t to) {
     return text;
 }
 
-TEST_F(Debug, HexDumps) {
+TEST_F(Debug, HexAndProtocolDumps) {
     ASSERT_EQ(openNetLog(&loopback), 0);
     uint8_t b[700];
     for (size_t i = 0; i < 700; ++i) b[i] = uint8_t(i * 7 + 0xF0);
@@ -138,6 +138,10 @@ TEST_F(Debug, HexDumps) {
         << "the level-1 dump sent nothing";
     dumpBytes(b, -3);
     EXPECT_EQ(peer.receive(), "\n\r\n\r") << "a negative count sends an empty dump";
+    S_ProtocolMsg m{};  // its address lines follow the low four bits of the protocol number
+    m.srcProtocol = 0x13, m.srcNPC.npID = 0x31;
+    dumpProtocolMsg(&m);
+    EXPECT_NE(out.text().find("\n  srcNPC.npID           31 \n"), std::string::npos);
 }
 
 // Callers fill the record by these names, and the dump's line order is the record's field order.

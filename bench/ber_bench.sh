@@ -13,7 +13,7 @@
 #   --rate   emulated line rate in bytes/s each way (default 1000000; the board's line is 57600:
 #            the rate changes how long a run takes, not what one bit error does)
 #   --seed   seed of the line's bit errors (default 1)
-# Runs itself through tools/nsrun, so everything it makes vanishes with its namespaces. The bit
+# Runs itself through testbed/nsrun, so everything it makes vanishes with its namespaces. The bit
 # errors are placed by a seeded generator, but which bytes they hit depends on TCP's timing, so
 # two runs with one seed differ in detail; the counts are samples of a rare event, so the report
 # gives each rate with a 95% interval.
@@ -34,13 +34,13 @@ while [ $# -gt 0 ]; do
     shift
 done
 if [ "${S2E_IN_NS:-}" != 1 ]; then
-    exec "$here/tools/nsrun" "$0" "${args[@]}"
+    exec "$here/testbed/nsrun" "$0" "${args[@]}"
 fi
 build=$(cd "$build" && pwd)
 export S2E_DAEMON=${S2E_DAEMON:-$build/app/SerialToEth}
-export S2E_TOOLS_DIR=${S2E_TOOLS_DIR:-$build/tools}
+export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
 export S2E_SOURCE_DIR=$here
-source "$here/tools/e2e-harness.sh"
+source "$here/testbed/e2e-harness.sh"
 h_init
 
 bytes=$(awk -v m="$mb" 'BEGIN{printf "%.0f", m*1e6}')
@@ -69,11 +69,11 @@ snmp b >"$H_DIR/b0.snmp"
 h_line_cmd "ber $ber"
 
 port=5301
-h_exec b "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" check $port "$timeout" >"$H_DIR/recv.txt" &
+h_exec b "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" check $port "$timeout" >"$H_DIR/recv.txt" &
 rpid=$!
 sleep 0.3
 status=0
-h_exec a "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" "$timeout" \
+h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" "$timeout" \
     >"$H_DIR/send.txt" || status=$?
 wait $rpid || status=$?
 h_line_cmd clear

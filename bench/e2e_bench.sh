@@ -9,18 +9,18 @@
 #   S2E_BENCH_UART: how the receiving UART hands bytes to its driver, as line_emu options. The
 #   default is the board's UART driver (interrupt at 56 bytes in the receive FIFO, or after 40 bit
 #   times of quiet line); "--rx-fifo 1" hands over every byte at once, about 10,000 chunks a second.
-# Runs itself through tools/nsrun, so everything it makes vanishes with its namespaces.
+# Runs itself through testbed/nsrun, so everything it makes vanishes with its namespaces.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$here/build/default}" && pwd)
 bytes=${2:-1000000}
 if [ "${S2E_IN_NS:-}" != 1 ]; then
-    exec "$here/tools/nsrun" "$0" "$build" "$bytes"
+    exec "$here/testbed/nsrun" "$0" "$build" "$bytes"
 fi
 export S2E_DAEMON=${S2E_DAEMON:-$build/app/SerialToEth}
-export S2E_TOOLS_DIR=${S2E_TOOLS_DIR:-$build/tools}
+export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
 export S2E_SOURCE_DIR=$here
-source "$here/tools/e2e-harness.sh"
+source "$here/testbed/e2e-harness.sh"
 h_init
 
 line_rate=57600
@@ -52,14 +52,14 @@ line_bytes() {
 uart=${S2E_BENCH_UART:---rx-fifo 56 --rx-timeout 4}
 declare -A probe_over=()
 # shellcheck disable=SC2086 # options, split on purpose
-"${H_RUN[@]}" "$S2E_TOOLS_DIR/line_emu" --info "$H_DIR/probe.info" $uart 2>/dev/null &
+"${H_RUN[@]}" "$S2E_TESTBED_DIR/line_emu" --info "$H_DIR/probe.info" $uart 2>/dev/null &
 probe_pid=$!
 for i in $(seq 50); do [ -s "$H_DIR/probe.info" ] && break; sleep 0.1; done
 pa_path=$(awk '$1=="a"{print $2}' "$H_DIR/probe.info")
 pb_path=$(awk '$1=="b"{print $2}' "$H_DIR/probe.info")
 for size in 56 1000; do
     lb=$(line_bytes "$size")
-    r=$("${H_RUN[@]}" "$S2E_TOOLS_DIR/line_probe" "$pa_path" "$pb_path" "$lb" 30)
+    r=$("${H_RUN[@]}" "$S2E_TESTBED_DIR/line_probe" "$pa_path" "$pb_path" "$lb" 30)
     probe_over[$size]=$(echo "$r" | sed -n 's/.*over_us=\([-0-9.]*\).*/\1/p')
 done
 kill -TERM "$probe_pid"
@@ -121,12 +121,12 @@ s.send(b"\x5e" * 1514)'
 echo "1514-byte frames of one special byte carried whole: $special"
 
 port=5201
-h_exec b "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" recv $port 300 >"$H_DIR/recv.txt" &
+h_exec b "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" recv $port 300 >"$H_DIR/recv.txt" &
 rpid=$!
 sleep 0.3
 h_exec a nstat -n
 t0=$(now_ns) a0=$(cpu_ns "$pa") b0=$(cpu_ns "$pb")
-h_exec a "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" 300 >"$H_DIR/send.txt"
+h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" 300 >"$H_DIR/send.txt"
 wait $rpid
 t1=$(now_ns) a1=$(cpu_ns "$pa") b1=$(cpu_ns "$pb")
 mtu=$(h_exec a cat /sys/class/net/uart2eth0/mtu 2>/dev/null || echo 1500)

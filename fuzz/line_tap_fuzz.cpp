@@ -1,4 +1,4 @@
-// libFuzzer target: the line capture's tap (tools/wire/LineTap) on arbitrary streams, fed in
+// libFuzzer target: the line capture's tap (capture/LineTap) on arbitrary streams, fed in
 // arbitrary pieces with an arbitrary chunk size. Checks that every packet and dropped run carries
 // the input's own bytes at the offset it names, that delivered payloads are what frameDecode makes
 // of the frame there, that together they show every input byte (noise exactly once), that time

@@ -3,7 +3,7 @@
 # systemd-nspawn), the line captures (tshark) and the demonstration need, skipping those already
 # present. Usage: tools/install-deps.sh [--cross]   (--cross adds the AArch64 tool chain, qemu-user
 # to run its tests, busybox, whose shell the boot script is checked with, and for the emulated
-# board qemu-system-arm, cpio and dpkg's arm64 architecture, from which tools/board-image.sh
+# board qemu-system-arm, cpio and dpkg's arm64 architecture, from which testbed/board/image.sh
 # downloads the board's kernel and busybox)
 set -euo pipefail
 as_root=()

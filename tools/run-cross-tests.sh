@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the AArch64 board preset with Debian's cross tool chain, runs its whole suite as AArch64
 # programs under qemu-aarch64, builds and checks the arm64 Debian package (tools/check-package.sh)
-# in build/aarch64/packages, and boots the emulated boards (tools/run-board.sh).
+# in build/aarch64/packages, and boots the emulated boards (testbed/board/run.sh).
 # Installs the cross tools when they are missing. Any failure fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -59,7 +59,7 @@ dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print "  " $6}'
 
 # The one place where the daemon meets a real kernel's UART driver: qemu-user above cannot set
 # 576000 baud, the emulated board can.
-step "emulated boards (tools/run-board.sh)"
-tools/run-board.sh
+step "emulated boards (testbed/board/run.sh)"
+testbed/board/run.sh
 
 step "done"

@@ -8,7 +8,7 @@ tools/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
 export S2E_DAEMON=$PWD/build/default/app/SerialToEth
-export S2E_TOOLS_DIR=$PWD/build/default/tools
+export S2E_TESTBED_DIR=$PWD/build/default/testbed
 export S2E_EMULATOR=
 export S2E_DEMO_PCAP=$PWD/build/default/serialtoeth-line.pcapng
-tools/nsrun tools/e2e-harness.sh demo "${1:-500000}"
+testbed/nsrun testbed/e2e-harness.sh demo "${1:-500000}"

@@ -5,10 +5,10 @@
 # the line's capture read by tshark).
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
 rmdir "$work"  # the harness keeps its state in $H_DIR, removed by its own exit trap
-source "$S2E_SOURCE_DIR/tools/e2e-harness.sh"
+source "$S2E_SOURCE_DIR/testbed/e2e-harness.sh"
 h_init
 export TSAN_OPTIONS="report_signal_unsafe=0 ${TSAN_OPTIONS:-}"  # the trap's exit(0) is by design
-EMU=("${H_RUN[@]}" "$S2E_TOOLS_DIR/supervisor_emu")
+EMU=("${H_RUN[@]}" "$S2E_TESTBED_DIR/supervisor_emu")
 fail() {
     echo "FAIL: $*" >&2
     for f in "$H_DIR"/*.out; do echo "--- $f" >&2; tail -n 20 "$f" >&2; done

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The package under a real systemd (tools/sdrun), the unit's hardening in force: the daemon frees a
+# The package under a real systemd (testbed/sdrun), the unit's hardening in force: the daemon frees a
 # busy interface ("killall udhcpc"), writes the status record, carries frames both ways over a pty;
 # then the init script, the purge.
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
@@ -9,14 +9,14 @@ cpack -G DEB --config "$S2E_BINARY_DIR/CPackConfig.cmake" -B "$work" >/dev/null
 
 inside() {
     set -euo pipefail
-    local deb=$1 tools=$2 a b pid holder rx
+    local deb=$1 bed=$2 a b pid holder rx
     fail() { echo "FAIL: $*"; journalctl -u serialtoeth --no-pager | tail -n 20; exit 1; }
     wait_until() { for _ in $(seq 200); do eval "$1" && return 0; sleep 0.1; done; fail "$2"; }
     dpkg -i "$deb" >/dev/null
     [ -e /etc/rc2.d/K01serialtoeth ] || fail "init script not registered (disabled)"
-    "$tools/line_emu" --info /run/line 2>/dev/null & wait_until '[ -s /run/line ]' "line emulator"
+    "$bed/line_emu" --info /run/line 2>/dev/null & wait_until '[ -s /run/line ]' "line emulator"
     read -r _ a _ b <<<"$(tr '\n' ' ' </run/line)" && ln -s "$a" /dev/zynq_uart0
-    "$tools/supervisor_emu" init >/dev/null
+    "$bed/supervisor_emu" init >/dev/null
     python3 -c 'import fcntl, os, struct, time
 open("/proc/self/comm", "w").write("udhcpc")  # a DHCP client holding the interface
 fcntl.ioctl(os.open("/dev/net/tun", os.O_RDWR), 0x400454ca, struct.pack("16sH22x", b"uart2eth0", 0x1002))
@@ -24,7 +24,7 @@ time.sleep(60)' &
     holder=$! && wait_until 'ip link show uart2eth0 >/dev/null 2>&1' "stand-in client"
     systemctl start serialtoeth
     wait_until '! kill -0 $holder 2>/dev/null' "killall udhcpc did not end the client"
-    wait_until '[ "$("$tools/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' "status record"
+    wait_until '[ "$("$bed/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' "status record"
     pid=$(systemctl show -P MainPID serialtoeth)
     [ "$(grep -E '^(CapEff|NoNewPrivs|Seccomp):' "/proc/$pid/status" | tr -d '\t\n')" = "CapEff:0000000000801000NoNewPrivs:1Seccomp:2" ] ||
         fail "restrictions not in force: $(grep -E '^(Cap|NoNew|Secc)' "/proc/$pid/status")"
@@ -43,4 +43,4 @@ time.sleep(60)' &
     dpkg --purge serialtoeth >/dev/null && [ ! -e /etc/rc2.d/K01serialtoeth ] || fail "init script registered after purge"
     echo "PASS"
 }
-"$S2E_SOURCE_DIR/tools/sdrun" --bind-ro "$work" --bind-ro "$S2E_TOOLS_DIR" bash -c "$(declare -f inside); inside $work/*.deb '$S2E_TOOLS_DIR'"
+"$S2E_SOURCE_DIR/testbed/sdrun" --bind-ro "$work" --bind-ro "$S2E_TESTBED_DIR" bash -c "$(declare -f inside); inside $work/*.deb '$S2E_TESTBED_DIR'"

@@ -1,4 +1,4 @@
-// Shared test helpers that run this test program again: alone, or in the namespaces of tools/nsrun.
+// Shared test helpers that run this test program again: alone, or in the namespaces of testbed/nsrun.
 #include "TestSupport.h"
 
 #include <cstdlib>
@@ -6,7 +6,7 @@
 
 namespace s2etest {
 
-// True in the namespaces tools/nsrun makes: only there is nsrun's private tmpfs over /root.
+// True in the namespaces testbed/nsrun makes: only there is nsrun's private tmpfs over /root.
 static bool inPrivateNamespaces() {
     std::istringstream table(readFile("/proc/self/mountinfo"));
     for (std::string line; std::getline(table, line);)

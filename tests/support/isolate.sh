@@ -1,9 +1,9 @@
-# Sourced first by every shell test: unless it set host=1, the test runs again through tools/nsrun
+# Sourced first by every shell test: unless it set host=1, the test runs again through testbed/nsrun
 # if not yet in its namespaces (nsrun's tmpfs over /root); then strict mode, fail, wait_until and
 # a scratch directory $work removed on exit, also on failure.
 if [ -z "${host:-}" ] && ! awk '$5 == "/root" && / - tmpfs s2e-root /{f = 1} END {exit !f}' /proc/self/mountinfo; then
     [ -z "${S2E_ENTERING_NAMESPACES:-}" ] || { echo "$0: no private namespaces; refusing" >&2; exit 1; }
-    S2E_ENTERING_NAMESPACES=1 exec "$(dirname "${BASH_SOURCE[0]}")/../../tools/nsrun" bash "$0" "$@"
+    S2E_ENTERING_NAMESPACES=1 exec "$(dirname "${BASH_SOURCE[0]}")/../../testbed/nsrun" bash "$0" "$@"
 fi
 unset S2E_ENTERING_NAMESPACES
 set -euo pipefail

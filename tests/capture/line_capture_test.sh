@@ -4,7 +4,7 @@
 host=1 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
 command -v tshark >/dev/null || fail "tshark is missing (tools/install-deps.sh)"
 read -r -a run <<<"${S2E_EMULATOR:-}"
-cap=("${run[@]}" "$S2E_TOOLS_DIR/serialtoeth-capture")
+cap=("${run[@]}" "$S2E_CAPTURE")
 
 bytes() { printf "$(sed -E 's/([0-9a-f]{2}) ?/\\x\1/g' <<<"$1")"; }     # "7e ff" -> 2 bytes
 fill() { head -c "$1" /dev/zero | tr '\0' "\\$(printf %03o "0x${2:-41}")"; } # N bytes, default 41

@@ -3,7 +3,7 @@
 # busybox init, the daemon started at boot by its installed boot script, the board's UART a real
 # PL011 under the kernel's serial driver, seen by the daemon as /dev/zynq_uart0.
 #
-#   tools/run-board.sh [BYTES]   build, boot three boards and check them (exit 1 on any failure):
+#   testbed/board/run.sh [BYTES]   build, boot three boards and check them (exit 1 on any failure):
 #       a and b   UART joined to UART (QEMU socket character devices): line settings read back
 #                 with stty, addresses set through each console, ping and a TCP transfer of BYTES
 #                 (default 100000) checked end to end, status record and monitor ticks read back
@@ -11,21 +11,21 @@
 #       c         UART on a pseudo-terminal that a daemon built for this machine (the end-to-end
 #                 harness, in namespaces of its own) uses as its UART: ping both ways
 #       all       power-off through busybox's rcK, which stops the daemon
-#   tools/run-board.sh boot      boot one board alone, check its UART settings, daemon and status
+#   testbed/board/run.sh boot      boot one board alone, check its UART settings, daemon and status
 #                                record, power it off (the boot time of a single board)
-#   tools/run-board.sh shell     boot one board with its console on this terminal (Ctrl-A x ends
+#   testbed/board/run.sh shell     boot one board with its console on this terminal (Ctrl-A x ends
 #                                the emulator); its UART is a pseudo-terminal QEMU names on start.
 #                                The console's busybox shell ends, and init starts a new one, when
 #                                one of its background jobs ends: start those with sh -c '... &'.
 #
-# Boot files come from tools/board-image.sh (Debian's packages, cached in build/aarch64/board).
-# The boards have no network device; everything runs in fresh namespaces (tools/nsrun), and the
+# Boot files come from testbed/board/image.sh (Debian's packages, cached in build/aarch64/board).
+# The boards have no network device; everything runs in fresh namespaces (testbed/nsrun), and the
 # consoles are FIFOs in a temporary directory, the UART link a TCP connection on the loopback of
 # those namespaces.
 # The emulated UART is not paced: QEMU moves bytes as fast as it runs, so the figures here are not
-# line-rate figures (those come from tools/line_emu, see tools/run-demo.sh).
+# line-rate figures (those come from testbed/line_emu, see tools/run-demo.sh).
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 board_dir=build/aarch64/board
 qemu_base=(qemu-system-aarch64 -M virt -cpu cortex-a53 -m 256 -nodefaults -display none -no-reboot
            -kernel "$board_dir/Image" -initrd "$board_dir/initramfs.cpio.gz"
@@ -38,23 +38,23 @@ if [ "${S2E_BOARD_STAGE:-}" != run ]; then
     # The build machine's daemon for the mixed link, and the supervisor stand-in the harness runs.
     cmake --preset default >/dev/null
     cmake --build --preset default --target SerialToEth supervisor_emu
-    tools/board-image.sh build/aarch64 "$board_dir"
+    testbed/board/image.sh build/aarch64 "$board_dir"
     if [ "${1:-}" = shell ]; then
-        exec tools/nsrun "${qemu_base[@]}" -chardev stdio,id=con,mux=on,signal=off -mon con \
+        exec testbed/nsrun "${qemu_base[@]}" -chardev stdio,id=con,mux=on,signal=off -mon con \
             -device virtconsole,chardev=con -chardev pty,id=uart -serial chardev:uart
     fi
     # unshare ignores SIGTERM while it waits: the kill after the grace time ends the namespaces.
-    exec env S2E_BOARD_STAGE=run timeout -k 10 600 tools/nsrun "$0" "$@"
+    exec env S2E_BOARD_STAGE=run timeout -k 10 600 testbed/nsrun "$0" "$@"
 fi
 
 # ---- From here on: inside fresh namespaces (no route to anything outside them).
 bytes=${1:-100000}
 uart_port=5570 # the a-b link, on the loopback of these namespaces
 export S2E_DAEMON=$PWD/build/default/app/SerialToEth
-export S2E_TOOLS_DIR=$PWD/build/default/tools
+export S2E_TESTBED_DIR=$PWD/build/default/testbed
 export S2E_EMULATOR=
-# shellcheck source=tools/e2e-harness.sh
-. tools/e2e-harness.sh
+# shellcheck source=testbed/e2e-harness.sh
+. testbed/e2e-harness.sh
 h_init
 dir=$H_DIR
 declare -A QPID=() CON=() BOOTED=() MARK=()

@@ -5,7 +5,7 @@
 #
 # Functions (state lives in $H_DIR, removed by h_teardown, which h_init arms on EXIT):
 #   h_init                          make the state directory, arm the teardown
-#   h_line_start [line_emu args]    start tools/line_emu; sets H_PTY_A, H_PTY_B (slave paths)
+#   h_line_start [line_emu args]    start testbed/line_emu; sets H_PTY_A, H_PTY_B (slave paths)
 #   h_line_cmd "COMMAND"            send a command to the emulator (ber/drop/garbage/clear/stats)
 #   h_daemon_start NAME [--pty PATH] [--no-serial] [--no-tun]
 #                                   start a daemon in new net, mount, IPC and PID namespaces; in
@@ -19,12 +19,12 @@
 #   h_out NAME                      path of the daemon's captured stdout and stderr
 #   h_check_reports                 fail if a sanitizer reported anything in the captured outputs
 #   h_teardown                      stop everything this harness started, remove $H_DIR
-# Environment: S2E_DAEMON (daemon binary), S2E_TOOLS_DIR (line_emu, tcp_blast, supervisor_emu),
+# Environment: S2E_DAEMON (daemon binary), S2E_TESTBED_DIR (line_emu, tcp_blast, supervisor_emu),
 # S2E_EMULATOR (prefix for the project's programs, e.g. qemu-aarch64; may be empty).
 # Everything runs as root; nothing is created in the host's /dev or network configuration.
 
 : "${S2E_DAEMON:?S2E_DAEMON must name the SerialToEth binary}"
-: "${S2E_TOOLS_DIR:?S2E_TOOLS_DIR must name the build directory of tools/}"
+: "${S2E_TESTBED_DIR:?S2E_TESTBED_DIR must name the build directory of testbed/}"
 S2E_EMULATOR=${S2E_EMULATOR:-}
 H_RUN=()
 [ -n "$S2E_EMULATOR" ] && read -r -a H_RUN <<<"$S2E_EMULATOR"
@@ -62,7 +62,7 @@ h_die() {
 }
 
 h_line_start() {
-    "${H_RUN[@]}" "$S2E_TOOLS_DIR/line_emu" --info "$H_DIR/line.info" --control "$H_DIR/line.ctl" \
+    "${H_RUN[@]}" "$S2E_TESTBED_DIR/line_emu" --info "$H_DIR/line.info" --control "$H_DIR/line.ctl" \
         "$@" 2>"$H_DIR/line.err" &
     H_LINE_PID=$!
     local i
@@ -101,8 +101,8 @@ h_inner() {
     mount --move "$stage" /dev
     ip link set lo up
     sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
-    if [ -x "$S2E_TOOLS_DIR/supervisor_emu" ]; then
-        "${H_RUN[@]}" "$S2E_TOOLS_DIR/supervisor_emu" init
+    if [ -x "$S2E_TESTBED_DIR/supervisor_emu" ]; then
+        "${H_RUN[@]}" "$S2E_TESTBED_DIR/supervisor_emu" init
     fi
     set +e
     cd /root 2>/dev/null || cd /
@@ -125,7 +125,7 @@ h_daemon_start() {
     local stage="$H_DIR/dev-$name" out="$H_DIR/$name.out"
     mkdir -p "$stage"
     unshare --net --mount --ipc --pid --fork --kill-child --mount-proc --propagation private \
-        bash -c "$(declare -f h_inner); H_RUN=(${H_RUN[*]}); S2E_TOOLS_DIR='$S2E_TOOLS_DIR';
+        bash -c "$(declare -f h_inner); H_RUN=(${H_RUN[*]}); S2E_TESTBED_DIR='$S2E_TESTBED_DIR';
                  S2E_DAEMON='$S2E_DAEMON'; h_inner '$pty' $tun '$stage'" >"$out" 2>&1 &
     H_OUTER[$name]=$!
     local i shell="" daemon=""
@@ -207,10 +207,10 @@ if [ "${BASH_SOURCE[0]}" = "$0" ]; then
             h_exec a ping -c 1 -W 3 10.99.0.2 >/dev/null || true  # resolve addresses first
             h_exec a ping -c 5 -i 0.3 10.99.0.2 | tail -n 3
             echo "== TCP transfer of $bytes bytes from a to b"
-            h_exec b "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" recv 5001 >"$H_DIR/recv.txt" &
+            h_exec b "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" recv 5001 >"$H_DIR/recv.txt" &
             rpid=$!
             sleep 0.5
-            h_exec a "${H_RUN[@]}" "$S2E_TOOLS_DIR/tcp_blast" send 10.99.0.2 5001 "$bytes" \
+            h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 5001 "$bytes" \
                 >"$H_DIR/send.txt"
             wait $rpid
             echo "sender:   $(cat "$H_DIR/send.txt")"

@@ -3,16 +3,16 @@
 #   OUT/Image                    Debian's arm64 kernel (linux-image-*-arm64), a link into OUT/kernel
 #   OUT/initramfs.cpio.gz        busybox-static, the modules the board loads, the tool chain's
 #                                C and C++ run-time libraries, the daemon and its boot script as
-#                                `cmake --install` lays them out, tools/board/ (init, inittab, rcS,
+#                                `cmake --install` lays them out, testbed/board/rootfs/ (init, inittab, rcS,
 #                                rcK, board set-up) and the board-side test tools
-# Usage: tools/board-image.sh BUILD_DIR OUT_DIR      (BUILD_DIR: the built aarch64 preset)
+# Usage: testbed/board/image.sh BUILD_DIR OUT_DIR      (BUILD_DIR: the built aarch64 preset)
 # The .debs are fetched with `apt-get download` into OUT/debs once and taken from there afterwards;
 # delete that folder to fetch the current ones again. Needs the arm64 architecture in dpkg's list
 # (tools/install-deps.sh --cross adds it).
 set -euo pipefail
 build=$(realpath "${1:?usage: board-image.sh BUILD_DIR OUT_DIR}")
 out=$(realpath -m "${2:?usage: board-image.sh BUILD_DIR OUT_DIR}")
-src=$(realpath "$(dirname "$0")/..")
+src=$(realpath "$(dirname "$0")/../..")
 sysroot=/usr/aarch64-linux-gnu
 # The modules the board loads itself (tun) and those the emulated console needs.
 modules=(tun virtio_mmio virtio_console)
@@ -87,9 +87,9 @@ done
 DESTDIR=$root cmake --install "$build" --strip >"$work/install.log" ||
     { cat "$work/install.log" >&2; exit 1; }
 for t in "${tools[@]}"; do
-    aarch64-linux-gnu-strip -o "$root/usr/bin/$t" "$build/tools/$t"
+    aarch64-linux-gnu-strip -o "$root/usr/bin/$t" "$build/testbed/$t"
 done
-cp -a "$src/tools/board/." "$root/"
+cp -a "$src/testbed/board/rootfs/." "$root/"
 
 # Run-time libraries: every library the board's programs need, found in the cross sysroot and
 # followed to the libraries those need in turn.

@@ -20,6 +20,27 @@ std::string format(const char* fmt, unsigned long long a) {
     return text;
 }
 
+// Each reason the extractor drops bytes for: the counter it adds to and its words, formatted with
+// the frame's length with its flags (the payload's length after unstuffing for kShortPayload).
+struct DropReason {
+    TakeOutcome outcome;
+    uint64_t WireCounts::*counter;
+    const char* text;
+};
+constexpr DropReason kDropReasons[] = {
+    {TakeOutcome::kUnterminated, &WireCounts::unterminated,
+     "dropped: %llu bytes after a start flag without an end flag, at the 3048-byte bound for an "
+     "unterminated run"},
+    {TakeOutcome::kTooShort, &WireCounts::tooShort,
+     "dropped: frame of %llu bytes with its flags, below the 11-byte minimum"},
+    {TakeOutcome::kTooLong, &WireCounts::tooLong,
+     "dropped: frame of %llu bytes with its flags, above the 3047-byte maximum"},
+    {TakeOutcome::kOverLimit, &WireCounts::tooLong,
+     "dropped: frame of %llu bytes with its flags, above the reader's limit of 8192 bytes"},
+    {TakeOutcome::kShortPayload, &WireCounts::shortPayload,
+     "dropped: payload of %llu bytes after unstuffing, below the 12-byte minimum"},
+};
+
 }  // namespace
 
 std::string wireCountsText(const WireCounts& now, const WireCounts& before) {
@@ -96,56 +117,25 @@ void LineTap::takeAll(int64_t timeNs) {
             sink_.noise(at + shown, timeNs, scratch_.data(), scratch_.size());
         }
         const uint64_t start = at + rep.skipped;
-        shown_ = 1;  // a frame's end flag stays at readIndex; it is shown with its frame
-        switch (rep.outcome) {
-            case TakeOutcome::kNone:
-                return;
-            case TakeOutcome::kNoise:
-                shown_ = 0;
-                break;
-            case TakeOutcome::kUnterminated:
-                ++counts_.unterminated;
-                shown_ = 0;
-                dropSpan(start, rep.span, timeNs,
-                         format("dropped: %llu bytes after a start flag without an end flag, at "
-                                "the 3048-byte bound for an unterminated run",
-                                rep.span));
-                break;
-            case TakeOutcome::kTooShort:
-                ++counts_.tooShort;
-                dropSpan(start, rep.span, timeNs,
-                         format("dropped: frame of %llu bytes with its flags, below the 11-byte "
-                                "minimum",
-                                rep.span));
-                break;
-            case TakeOutcome::kTooLong:
-                ++counts_.tooLong;
-                dropSpan(start, rep.span, timeNs,
-                         format("dropped: frame of %llu bytes with its flags, above the "
-                                "3047-byte maximum",
-                                rep.span));
-                break;
-            case TakeOutcome::kOverLimit:
-                ++counts_.tooLong;
-                dropSpan(start, rep.span, timeNs,
-                         format("dropped: frame of %llu bytes with its flags, above the reader's "
-                                "limit of 8192 bytes",
-                                rep.span));
-                break;
-            case TakeOutcome::kShortPayload:
-                ++counts_.shortPayload;
-                dropSpan(start, rep.span, timeNs,
-                         rep.payload < 0
-                             ? std::string("dropped: header cut short by escape bytes, no "
-                                           "payload (12-byte minimum)")
-                             : format("dropped: payload of %llu bytes after unstuffing, below "
-                                      "the 12-byte minimum",
-                                      static_cast<unsigned long long>(rep.payload)));
-                break;
-            case TakeOutcome::kDelivered:
-                ++counts_.delivered;
-                sink_.delivered(start, timeNs, packet_.data(), static_cast<size_t>(n));
-                break;
+        // A frame's end flag stays at readIndex and is shown with its frame; noise and an
+        // unterminated run end on no flag.
+        shown_ =
+            rep.outcome == TakeOutcome::kNoise || rep.outcome == TakeOutcome::kUnterminated ? 0 : 1;
+        if (rep.outcome == TakeOutcome::kDelivered) {
+            ++counts_.delivered;
+            sink_.delivered(start, timeNs, packet_.data(), static_cast<size_t>(n));
+        }
+        for (const DropReason& reason : kDropReasons) {
+            if (reason.outcome != rep.outcome) continue;
+            ++(counts_.*reason.counter);
+            const bool payload = rep.outcome == TakeOutcome::kShortPayload;
+            dropSpan(
+                start, rep.span, timeNs,
+                payload && rep.payload < 0
+                    ? std::string("dropped: header cut short by escape bytes, no payload "
+                                  "(12-byte minimum)")
+                    : format(reason.text,
+                             payload ? static_cast<unsigned long long>(rep.payload) : rep.span));
         }
     }
 }

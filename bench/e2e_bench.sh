@@ -34,6 +34,11 @@ cpu_ns() {
     echo "$sum"
 }
 now_ns() { date +%s%N; }
+# Times a process's threads were switched out, all threads: each sleep of a reader or the
+# dispatcher ends in one, so the difference over an interval counts their wake-ups.
+switches() {
+    cat /proc/"$1"/task/*/status 2>/dev/null | awk '/^(non)?voluntary_ctxt_switches/{s += $2} END{print s + 0}'
+}
 
 # Bytes an echo frame with S data bytes takes on the line: flag, 4 header bytes, payload padded to 64,
 # flag, plus one per 5E/7E in ping's data pattern (byte i of the data is i mod 256 after the 16-byte
@@ -125,10 +130,10 @@ h_exec b "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" recv $port 300 >"$H_DIR/recv
 rpid=$!
 sleep 0.3
 h_exec a nstat -n
-t0=$(now_ns) a0=$(cpu_ns "$pa") b0=$(cpu_ns "$pb")
+t0=$(now_ns) a0=$(cpu_ns "$pa") b0=$(cpu_ns "$pb") sa0=$(switches "$pa") sb0=$(switches "$pb")
 h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" 300 >"$H_DIR/send.txt"
 wait $rpid
-t1=$(now_ns) a1=$(cpu_ns "$pa") b1=$(cpu_ns "$pb")
+t1=$(now_ns) a1=$(cpu_ns "$pa") b1=$(cpu_ns "$pb") sa1=$(switches "$pa") sb1=$(switches "$pb")
 mtu=$(h_exec a cat /sys/class/net/uart2eth0/mtu 2>/dev/null || echo 1500)
 rate=$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/recv.txt")
 srate=$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/send.txt")
@@ -152,7 +157,7 @@ sed -n 's/^line_emu \(..\): carried \([0-9]*\).*overrun \([0-9]*\).*/line \1 ove
 echo
 awk -v ia=$idle_a -v ib=$idle_b -v is=$idle_s -v la=$load_a -v lb=$load_b -v lt=$load_t \
     -v n="$bytes" -v r="$rate" -v lr=$line_rate -v pm="$ping_min" -v sp="$special" -v ck="$same" \
-    'BEGIN{
+    -v sa=$((sa1 - sa0)) -v sb=$((sb1 - sb0)) 'BEGIN{
     f = "| %-47s | %14s | %14s |\n"
     printf f, "per daemon, this run", "a (sender)", "b (receiver)"
     printf "|%s|%s|%s|\n", "-------------------------------------------------", \
@@ -160,6 +165,7 @@ awk -v ia=$idle_a -v ib=$idle_b -v is=$idle_s -v la=$load_a -v lb=$load_b -v lt=
     printf f, sprintf("CPU idle, %d s", is), sprintf("%.3f s", ia/1e9), sprintf("%.3f s", ib/1e9)
     printf f, sprintf("CPU during the %d-byte transfer (%.1f s)", n, lt/1e9),
            sprintf("%.3f s", la/1e9), sprintf("%.3f s", lb/1e9)
+    printf f, "thread wake-ups during the transfer", sa, sb
     g = sprintf("%.3f", r/lr)
     printf f, sprintf("goodput a->b, fraction of %d B/s (checksum %s)", lr, ck), g, g
     printf f, "ping -s 56 a->b, round trip minimum", pm " ms", pm " ms"

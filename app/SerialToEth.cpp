@@ -245,8 +245,8 @@ void* SerialToEth::serialSndThread(void* arg) {
         if (ringPutBytes(self->serialRing, self->serialRxBuf, static_cast<uint16_t>(count)) < 0) {
             debugLog(LOG_ERROR, "ERR:Discard %d bytes of data due to full Serial circle buffer!\n",
                      count);
-        } else if (self->dispatcherWake.serialChunkNeedsPass(self->serialRing, self->serialRxBuf,
-                                                             static_cast<uint32_t>(count))) {
+        } else if (DispatcherWake::serialChunkNeedsPass(self->serialRing, self->serialRxBuf,
+                                                        static_cast<uint32_t>(count))) {
             self->dispatcherWake.wake();
         }
     }
@@ -285,16 +285,12 @@ void* SerialToEth::circleDealThread(void* arg) {
     printf("circleDealThread startUp!\n");
     fflush(stdout);
     for (;;) {
-        const DispatcherWake::Pass pass = self->dispatcherWake.passStart();
+        const uint32_t pass = self->dispatcherWake.passStart();
         bool more = self->sendFrameToSerial();
         more = self->sendPacketToTun() || more;
-        if (more) {
-            // Work left: the next pass after the pass sleep, or sooner when a reader brings more.
-            self->dispatcherWake.sleep(pass, &kPassSleep);
-        } else if (self->dispatcherWake.armIdle(self->serialRing, pass)) {
-            // Nothing either ring holds can move until a reader stores more: no timer, no polling.
-            self->dispatcherWake.sleep(pass, nullptr);
-        }
+        // Work left: the next pass after the pass sleep, or sooner when a reader brings more.
+        // Else nothing either ring holds can move until a reader stores more: no timer, no polling.
+        self->dispatcherWake.sleep(pass, more ? &kPassSleep : nullptr);
     }
     return nullptr;
 }

@@ -32,14 +32,6 @@ uint32_t ringFreeSpace(const ByteRing* ring) {
     return ring->size - 1 - ringUsed(ring);
 }
 
-bool ringHolds(const ByteRing* ring, uint8_t value) {
-    // Own index, written only by this consumer thread: relaxed.
-    const uint32_t r = ring->readIndex.load(std::memory_order_relaxed);
-    // Acquire: the producer's stores of the bytes up to w happen before we read them.
-    const uint32_t w = ring->writeIndex.load(std::memory_order_acquire);
-    return ringSpanFind(ring, r, (w - r) & ring->mask, value) >= 0;
-}
-
 int32_t ringPutBytes(ByteRing* ring, const uint8_t* data, uint16_t length) {
     if (data == nullptr || length == 0) return -1;
     // Own index, written only by this producer thread: relaxed.

@@ -28,9 +28,6 @@ void ringDestroy(ByteRing* ring);
 // Snapshots, from any thread: the other side may move its index right after.
 uint32_t ringUsed(const ByteRing* ring);
 uint32_t ringFreeSpace(const ByteRing* ring);
-// Consumer only: whether any stored byte equals value. A snapshot like ringUsed; bytes stored
-// after it are not looked at.
-bool ringHolds(const ByteRing* ring, uint8_t value);
 
 // Producer only. Appends all length bytes or nothing: 0 when stored, -1 when data is null,
 // length is 0 or the free space is too small.

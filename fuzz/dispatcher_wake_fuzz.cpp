@@ -77,14 +77,11 @@ void pollDrain(ByteRing* ring, std::vector<Bytes>& out) {
 }
 
 // The dispatcher's loop, passes back to back, until it would sleep without a time limit.
-void wokenDrain(ByteRing* ring, DispatcherWake& wake, std::vector<Bytes>& out) {
+void wokenDrain(ByteRing* ring, std::vector<Bytes>& out) {
     Bytes packet(kLimit);
-    for (;;) {
-        const DispatcherWake::Pass pass = wake.passStart();
-        bool more = false;
+    for (bool more = true; more;) {
         const int32_t n = takeNextPacket(ring, packet.data(), kLimit, kLimit, &more);
         if (n > 0) out.emplace_back(packet.begin(), packet.begin() + n);
-        if (!more && wake.armIdle(ring, pass)) return;
     }
 }
 
@@ -142,7 +139,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ByteRing polled, woken;
     ringCreate(&polled, kRingSize);
     ringCreate(&woken, kRingSize);
-    DispatcherWake wake;
     std::vector<Bytes> fromPolled, fromWoken;
     const uint32_t maxChunk = 1 + config % 8 * 585u;  // 1 .. 4096
     size_t next = 0;
@@ -154,8 +150,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const int32_t wokenPut = ringPutBytes(&woken, bytes, uint16_t(chunk));
         check(polledPut == wokenPut);
         pollDrain(&polled, fromPolled);
-        if (wokenPut == 0 && wake.serialChunkNeedsPass(&woken, bytes, chunk)) {
-            wokenDrain(&woken, wake, fromWoken);
+        if (wokenPut == 0 && DispatcherWake::serialChunkNeedsPass(&woken, bytes, chunk)) {
+            wokenDrain(&woken, fromWoken);
         }
         check(fromPolled == fromWoken);
         check(ringUsed(&woken) + kReadSize <= kRingSize - 1);

@@ -31,7 +31,8 @@ TEST(CodecStress, RawChunksHandedOverByTheWakeUpRule) {
                 chunk = std::min<size_t>(have - at, 1 + rng() % 512);
                 while (ringPutBytes(&ring, stream.data() + at, uint16_t(chunk)) != 0)
                     std::this_thread::yield();
-                if (wake.serialChunkNeedsPass(&ring, stream.data() + at, uint32_t(chunk)))
+                if (DispatcherWake::serialChunkNeedsPass(&ring, stream.data() + at,
+                                                         uint32_t(chunk)))
                     wake.wake();
             }
         }
@@ -40,10 +41,10 @@ TEST(CodecStress, RawChunksHandedOverByTheWakeUpRule) {
     for (int i = 0; i < 12000; ++i) {
         int32_t n;
         bool more = false;
-        for (DispatcherWake::Pass pass;;) {  // the dispatcher's pass and idle sleep
-            pass = wake.passStart();
+        for (;;) {  // the dispatcher's pass and idle sleep
+            const uint32_t pass = wake.passStart();
             if ((n = takeNextPacket(&ring, out.data(), 8192, 8192, &more)) > 0) break;
-            if (!more && wake.armIdle(&ring, pass)) wake.sleep(pass, nullptr);
+            if (!more) wake.sleep(pass, nullptr);
         }
         const std::vector<uint8_t> p = packetFor(i);
         ASSERT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + n), p) << i;

@@ -15,8 +15,9 @@ out=$(realpath -m "${2:?usage: board-image.sh BUILD_DIR OUT_DIR}")
 src=$(realpath "$(dirname "$0")/../..")
 sysroot=/usr/aarch64-linux-gnu
 # The modules the board loads itself (tun), those the emulated console needs and the queue
-# disciplines the shaping of uart2eth0 asks for (the kernel loads them on tc's demand).
-modules=(tun virtio_mmio virtio_console sch_cake sch_fq_codel sch_htb sch_tbf)
+# disciplines and classifier the shaping of uart2eth0 may ask for, which the kernel loads on tc's
+# demand (Debian's kernel has fq_codel built in, its default).
+modules=(tun virtio_mmio virtio_console sch_cake sch_htb sch_tbf cls_u32)
 # Board-side tools: the supervisor stand-in reads the status record, tcp_blast moves bulk data.
 tools=(supervisor_emu tcp_blast)
 # busybox has no tc: iproute2's, with the libraries it needs that the tool chain does not have.

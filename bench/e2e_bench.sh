@@ -126,18 +126,53 @@ s.send(b"\x5e" * 1514)'
 echo "1514-byte frames of one special byte carried whole: $special"
 
 port=5201
-h_exec b "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" recv $port 300 >"$H_DIR/recv.txt" &
-rpid=$!
-sleep 0.3
+# transfer TAG: the bulk TCP transfer a->b with a ping a->b every 0.5 s beside it (interactive
+# traffic under load); sets rate_TAG, srate_TAG, same_TAG and the ping round trips in $H_DIR/TAG.rtt.
+transfer() {
+    local tag=$1
+    port=$((port + 1))
+    h_exec b "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" recv $port 300 >"$H_DIR/recv.$tag" &
+    rpid=$!
+    sleep 0.3
+    # The ping ends when the transfer has: a flag file, as nsenter would not pass a signal on.
+    rm -f "$H_DIR/stop"
+    h_exec a sh -c "ping -i 0.5 10.99.0.2 >'$H_DIR/ping.$tag' 2>&1 & p=\$!
+        while [ ! -e '$H_DIR/stop' ]; do sleep 0.1; done; kill -INT \$p; wait \$p" &
+    ppid=$!
+    sleep 0.2
+    h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" 300 \
+        >"$H_DIR/send.$tag"
+    wait $rpid
+    touch "$H_DIR/stop"
+    wait $ppid || true
+    sed -n 's/.*time=\([0-9.]*\) ms.*/\1/p' "$H_DIR/ping.$tag" >"$H_DIR/$tag.rtt"
+    printf -v "rate_$tag" '%s' "$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/recv.$tag")"
+    printf -v "srate_$tag" '%s' "$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/send.$tag")"
+    local a b
+    a=$(grep -o 'fnv=[0-9a-f]*' "$H_DIR/send.$tag") b=$(grep -o 'fnv=[0-9a-f]*' "$H_DIR/recv.$tag")
+    printf -v "same_$tag" '%s' "$([ -n "$a" ] && [ "$a" = "$b" ] && echo match || echo MISMATCH)"
+    printf -v "sent_$tag" '%s' "$(sed -n 's/^\([0-9]*\) packets transmitted.*/\1/p' "$H_DIR/ping.$tag")"
+}
+# median, 95th percentile (nearest rank) and worst of the round trips in a file, in ms.
+rtt_stats() {
+    sort -n "$1" | awk '{v[NR] = $1} END {
+        if (NR == 0) { print "- - -"; exit }
+        m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
+        p = int(0.95 * NR); if (p < 0.95 * NR) p++
+        printf "%.1f %.1f %.1f\n", m, v[p], v[NR] }'
+}
+# The idle round trip as ping -s 56 has it, median of 20.
+idle_rtt() {
+    h_exec a ping -c 20 -i 0.1 10.99.0.2 | sed -n 's/.*time=\([0-9.]*\) ms.*/\1/p' >"$H_DIR/idle.$1"
+    rtt_stats "$H_DIR/idle.$1" | cut -d' ' -f1
+}
+
 h_exec a nstat -n
 t0=$(now_ns) a0=$(cpu_ns "$pa") b0=$(cpu_ns "$pb") sa0=$(switches "$pa") sb0=$(switches "$pb")
-h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" 300 >"$H_DIR/send.txt"
-wait $rpid
+transfer plain
 t1=$(now_ns) a1=$(cpu_ns "$pa") b1=$(cpu_ns "$pb") sa1=$(switches "$pa") sb1=$(switches "$pb")
+rate=$rate_plain srate=$srate_plain same=$same_plain
 mtu=$(h_exec a cat /sys/class/net/uart2eth0/mtu 2>/dev/null || echo 1500)
-rate=$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/recv.txt")
-srate=$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/send.txt")
-same=$([ "$(grep -o 'fnv=[0-9a-f]*' "$H_DIR/send.txt")" = "$(grep -o 'fnv=[0-9a-f]*' "$H_DIR/recv.txt")" ] && echo match || echo MISMATCH)
 awk -v r="$rate" -v s="$srate" -v n="$bytes" -v lr=$line_rate -v ck="$same" -v mtu="$mtu" \
     'BEGIN{printf "TCP bulk a->b, %d bytes, MTU %s: goodput %.0f bytes/s = %.1f%% of %d " \
            "(whole connection incl. set-up and close: %.0f bytes/s = %.1f%%), checksum %s\n",
@@ -153,6 +188,20 @@ h_line_cmd stats
 sleep 0.2
 sed -n 's/^line_emu \(..\): carried \([0-9]*\).*overrun \([0-9]*\).*/line \1 over the whole run: carried \2 bytes, lost to overrun \3/p' \
     "$H_DIR/line.err" | tail -n 2
+
+
+# The same transfer once more with both daemons' egress shaped by the installed shaping script, as
+# the boot script, the init script and the unit apply it (S2E_SHAPE_RATE etc. pass through).
+idle_plain=$(idle_rtt plain)
+shaped_by=$(h_exec a sh "$here/packaging/serialtoeth-shape")
+h_exec b sh "$here/packaging/serialtoeth-shape" >/dev/null
+echo "shaping: $shaped_by"
+idle_shaped=$(idle_rtt shaped)
+transfer shaped
+qdisc=$(h_exec a tc qdisc show dev uart2eth0 | awk 'NR == 1 || /fq_codel/ {print $2}' | paste -sd+)
+h_exec a tc -s qdisc show dev uart2eth0 | sed 's/^/  a: /'
+read -r pm_plain p95_plain pw_plain <<<"$(rtt_stats "$H_DIR/plain.rtt")"
+read -r pm_shaped p95_shaped pw_shaped <<<"$(rtt_stats "$H_DIR/shaped.rtt")"
 
 echo
 awk -v ia=$idle_a -v ib=$idle_b -v is=$idle_s -v la=$load_a -v lb=$load_b -v lt=$load_t \
@@ -171,3 +220,21 @@ awk -v ia=$idle_a -v ib=$idle_b -v is=$idle_s -v la=$load_a -v lb=$load_b -v lt=
     printf f, "ping -s 56 a->b, round trip minimum", pm " ms", pm " ms"
     printf f, "1514-byte frames of only 0x7E, only 0x5E", "", sp == "0x5E and 0x7E" ? "both whole" : "LOST: " sp
     }'
+
+echo
+f='| %-55s | %14s | %14s |\n'
+# shellcheck disable=SC2059 # the format is the table's
+{
+    printf "$f" "$bytes-byte TCP transfer a->b, ping a->b every 0.5 s" "unshaped" "shaped: $qdisc"
+    printf '|%s|%s|%s|\n' "---------------------------------------------------------" \
+        "---------------:" "---------------:"
+    printf "$f" "goodput, fraction of $line_rate B/s (checksum $same_plain, $same_shaped)" \
+        "$(awk -v r="$rate_plain" -v l=$line_rate 'BEGIN{printf "%.3f", r/l}')" \
+        "$(awk -v r="$rate_shaped" -v l=$line_rate 'BEGIN{printf "%.3f", r/l}')"
+    printf "$f" "ping during the transfer: median" "$pm_plain ms" "$pm_shaped ms"
+    printf "$f" "ping during the transfer: 95th percentile" "$p95_plain ms" "$p95_shaped ms"
+    printf "$f" "ping during the transfer: worst" "$pw_plain ms" "$pw_shaped ms"
+    printf "$f" "pings answered during the transfer" \
+        "$(wc -l <"$H_DIR/plain.rtt")/$sent_plain" "$(wc -l <"$H_DIR/shaped.rtt")/$sent_shaped"
+    printf "$f" "ping idle, median of 20" "$idle_plain ms" "$idle_shaped ms"
+}

@@ -14,14 +14,19 @@ build=$(realpath "${1:?usage: board-image.sh BUILD_DIR OUT_DIR}")
 out=$(realpath -m "${2:?usage: board-image.sh BUILD_DIR OUT_DIR}")
 src=$(realpath "$(dirname "$0")/../..")
 sysroot=/usr/aarch64-linux-gnu
-# The modules the board loads itself (tun) and those the emulated console needs.
-modules=(tun virtio_mmio virtio_console)
+# The modules the board loads itself (tun), those the emulated console needs and the queue
+# disciplines and classifier the shaping of uart2eth0 may ask for, which the kernel loads on tc's
+# demand (Debian's kernel has fq_codel built in, its default).
+modules=(tun virtio_mmio virtio_console sch_cake sch_htb sch_tbf cls_u32)
 # Board-side tools: the supervisor stand-in reads the status record, tcp_blast moves bulk data.
 tools=(supervisor_emu tcp_blast)
+# busybox has no tc: iproute2's, with the libraries it needs that the tool chain does not have.
+tc_debs=(iproute2 libbpf1 libelf1 libmnl0 libbsd0 libmd0 libcap2 libxtables12 zlib1g libzstd1)
 
 mkdir -p "$out/debs"
 debs() { compgen -G "$out/debs/$1" >/dev/null; }
-if ! debs 'linux-image-*_arm64.deb' || ! debs 'busybox-static_*_arm64.deb'; then
+have_tc_debs() { local d; for d in "${tc_debs[@]}"; do debs "${d}_*_arm64.deb" || return 1; done; }
+if ! debs 'linux-image-*_arm64.deb' || ! debs 'busybox-static_*_arm64.deb' || ! have_tc_debs; then
     # The meta package names the current kernel package; a fresh arm64 architecture has no
     # package lists yet.
     kernel_pkg() { apt-cache depends linux-image-arm64:arm64 2>/dev/null |
@@ -34,9 +39,10 @@ if ! debs 'linux-image-*_arm64.deb' || ! debs 'busybox-static_*_arm64.deb'; then
         pkg=$(kernel_pkg)
     fi
     [ -n "$pkg" ] || { echo "board-image: no arm64 kernel package known to apt" >&2; exit 1; }
-    echo "board-image: downloading $pkg and busybox-static:arm64 into $out/debs"
+    echo "board-image: downloading $pkg, busybox-static:arm64 and tc (iproute2:arm64) into $out/debs"
     (cd "$out/debs" && rm -f ./*.deb &&
-        apt-get download -q -o APT::Sandbox::User=root "$pkg" busybox-static:arm64)
+        apt-get download -q -o APT::Sandbox::User=root "$pkg" busybox-static:arm64 \
+            "${tc_debs[@]/%/:arm64}")
 fi
 kernel_deb=$(compgen -G "$out/debs/linux-image-*_arm64.deb" | head -n 1)
 busybox_deb=$(compgen -G "$out/debs/busybox-static_*_arm64.deb" | head -n 1)
@@ -90,12 +96,17 @@ for t in "${tools[@]}"; do
     aarch64-linux-gnu-strip -o "$root/usr/bin/$t" "$build/testbed/$t"
 done
 cp -a "$src/testbed/board/rootfs/." "$root/"
+# tc from iproute2; its libraries are found below like the others', in the unpacked packages.
+debroot=$work/debroot
+for d in "${tc_debs[@]}"; do dpkg-deb -x "$(compgen -G "$out/debs/${d}_*_arm64.deb" | head -n 1)" "$debroot"; done
+rm -f "$root/sbin/tc"
+aarch64-linux-gnu-strip -o "$root/sbin/tc" "$debroot/sbin/tc"
 
 # Run-time libraries: every library the board's programs need, found in the cross sysroot and
 # followed to the libraries those need in turn.
 needed() { aarch64-linux-gnu-readelf -d "$1" 2>/dev/null |
     sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'; }
-queue=("$root/usr/sbin/SerialToEth")
+queue=("$root/usr/sbin/SerialToEth" "$root/sbin/tc")
 for t in "${tools[@]}"; do queue+=("$root/usr/bin/$t"); done
 declare -A have=()
 while [ ${#queue[@]} -gt 0 ]; do
@@ -103,9 +114,13 @@ while [ ${#queue[@]} -gt 0 ]; do
     queue=("${queue[@]:1}")
     for lib in $(needed "$f"); do
         [ -n "${have[$lib]:-}" ] && continue
-        [ -e "$sysroot/lib/$lib" ] || { echo "board-image: $lib not in $sysroot/lib" >&2; exit 1; }
+        from=""
+        for d in "$sysroot/lib" "$debroot/lib/aarch64-linux-gnu" "$debroot/usr/lib/aarch64-linux-gnu"; do
+            [ -e "$d/$lib" ] && from=$d/$lib && break
+        done
+        [ -n "$from" ] || { echo "board-image: $lib in neither $sysroot/lib nor ${tc_debs[*]}" >&2; exit 1; }
         have[$lib]=1
-        cp -L "$sysroot/lib/$lib" "$root/lib/$lib"
+        cp -L "$from" "$root/lib/$lib"
         queue+=("$root/lib/$lib")
     done
 done

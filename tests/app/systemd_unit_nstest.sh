@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The package under a real systemd (testbed/sdrun), the unit's hardening in force: the daemon frees a
-# busy interface ("killall udhcpc"), writes the status record, carries frames both ways over a pty;
-# then the init script, the purge.
+# busy interface ("killall udhcpc"), writes the status record, carries frames both ways over a pty,
+# uart2eth0's egress shaped by the unit and again by the init script; the purge.
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
 [ -z "${S2E_EMULATOR:-}" ] || { echo "skipped: the container can only run the build machine's package"; exit 0; }
 ! grep -q '^S2E_SANITIZE:STRING=.' "$S2E_BINARY_DIR/CMakeCache.txt" || { echo "skipped: a sanitizer build is not shipped"; exit 0; }
@@ -26,6 +26,7 @@ time.sleep(60)' &
     wait_until '! kill -0 $holder 2>/dev/null' "killall udhcpc did not end the client"
     wait_until '[ "$("$bed/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' "status record"
     pid=$(systemctl show -P MainPID serialtoeth)
+    wait_until "tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root'" "unit: uart2eth0 not shaped"
     [ "$(grep -E '^(CapEff|NoNewPrivs|Seccomp):' "/proc/$pid/status" | tr -d '\t\n')" = "CapEff:0000000000801000NoNewPrivs:1Seccomp:2" ] ||
         fail "restrictions not in force: $(grep -E '^(Cap|NoNew|Secc)' "/proc/$pid/status")"
     nsenter -t "$pid" -m sh -c '! touch /usr/probe 2>/dev/null && touch /root/probe' || fail "file system not read-only but /root"
@@ -38,8 +39,9 @@ time.sleep(60)' &
     { printf '\x7e\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x02\0\0\0\0\x02\x88\xb5'; head -c 50 /dev/zero; printf '\x7e'; } >"$b"
     wait_until "[ \$(cat /sys/class/net/uart2eth0/statistics/rx_packets) -gt $rx ]" "frame from the line not received"
     systemctl stop serialtoeth && export SYSTEMCTL_SKIP_REDIRECT=1 # the init script itself, not systemctl
-    for action in start force-reload status stop; do /etc/init.d/serialtoeth $action >/dev/null || fail "init script $action"; done
-    [ "$(/etc/init.d/serialtoeth status >/dev/null; echo $?)" = 3 ] || fail "status after stop"
+    for action in start force-reload; do /etc/init.d/serialtoeth $action >/dev/null || fail "init script $action"; done
+    tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root' || fail "init script: uart2eth0 not shaped"
+    /etc/init.d/serialtoeth stop >/dev/null && [ "$(/etc/init.d/serialtoeth status >/dev/null; echo $?)" = 3 ] || fail "init script stop: status not 3"
     dpkg --purge serialtoeth >/dev/null && [ ! -e /etc/rc2.d/K01serialtoeth ] || fail "init script registered after purge"
     echo "PASS"
 }

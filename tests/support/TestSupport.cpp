@@ -6,13 +6,21 @@
 
 namespace s2etest {
 
-// True in the namespaces testbed/nsrun makes: only there is nsrun's private tmpfs over /root.
+// True in the namespaces testbed/nsrun makes: its tmpfs over /root and /dev, and mount, network,
+// IPC and PID namespaces other than those nsrun was started in (S2E_OUTER_NS).
 static bool inPrivateNamespaces() {
-    std::istringstream table(readFile("/proc/self/mountinfo"));
-    for (std::string line; std::getline(table, line);)
-        if (line.find(" /root ") != line.npos && line.find(" - tmpfs s2e-root ") != line.npos)
-            return true;
-    return false;
+    const std::string mounts = readFile("/proc/self/mountinfo");
+    const char* outer = std::getenv("S2E_OUTER_NS");
+    if (mounts.find(" - tmpfs s2e-root ") == mounts.npos ||
+        mounts.find(" - tmpfs s2e-dev ") == mounts.npos || outer == nullptr || *outer == '\0')
+        return false;
+    for (const char* ns : {"mnt", "net", "ipc", "pid"}) {
+        char link[64] = {};
+        if (readlink((std::string("/proc/self/ns/") + ns).c_str(), link, sizeof link - 1) <= 0 ||
+            (std::string(" ") + outer + " ").find(std::string(" ") + link + " ") != std::string::npos)
+            return false;
+    }
+    return true;
 }
 
 // Runs in place of this process: `first` (if any), the emulator (if any), this program, `args`.
@@ -44,7 +52,7 @@ int rerunCurrentTest(const char* role) {
     return WEXITSTATUS(status);
 }
 
-// Entry of *_nstest programs: run by hand, too, they never touch the host's keys, files or devices.
+// Entry of *_nstest programs: run by hand, too, they touch none of the host's keys, files or devices.
 int namespaceMain(int argc, char** argv) {
     if (!inPrivateNamespaces()) {
         if (std::getenv("S2E_ENTERING_NAMESPACES") != nullptr)

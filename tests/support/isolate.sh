@@ -1,7 +1,14 @@
 # Sourced first by every shell test: unless it set host=1, the test runs again through testbed/nsrun
-# if not yet in its namespaces (nsrun's tmpfs over /root); then strict mode, fail, wait_until and
-# a scratch directory $work removed on exit, also on failure.
-if [ -z "${host:-}" ] && ! awk '$5 == "/root" && / - tmpfs s2e-root /{f = 1} END {exit !f}' /proc/self/mountinfo; then
+# unless it is in nsrun's namespaces (its tmpfs over /root and /dev; mount, network, IPC and PID
+# namespaces other than those nsrun started in); then strict mode, fail, wait_until and a scratch
+# directory $work removed on exit, also on failure.
+private_ns() {
+    awk '/ - tmpfs s2e-root /{r = 1} / - tmpfs s2e-dev /{d = 1} END {exit !(r && d)}' /proc/self/mountinfo &&
+        [ -n "${S2E_OUTER_NS:-}" ] && for ns in mnt net ipc pid; do
+            [[ " $S2E_OUTER_NS " != *" $(readlink "/proc/self/ns/$ns") "* ]] || return 1
+        done
+}
+if [ -z "${host:-}" ] && ! private_ns; then
     [ -z "${S2E_ENTERING_NAMESPACES:-}" ] || { echo "$0: no private namespaces; refusing" >&2; exit 1; }
     S2E_ENTERING_NAMESPACES=1 exec "$(dirname "${BASH_SOURCE[0]}")/../../testbed/nsrun" bash "$0" "$@"
 fi

@@ -1,9 +1,10 @@
 // What every fuzz target needs: the input read as a stream of bytes that yields zeros once spent
-// (so a short input still drives a whole run), and a check that aborts, which libFuzzer and the
-// replay in ctest both report with the input that failed.
+// (so a short input still drives a whole run), and a check that names itself and aborts, which
+// libFuzzer and the replay in ctest both report with the input that failed.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 
 class FuzzInput {
@@ -25,6 +26,11 @@ class FuzzInput {
     const uint8_t* end_;
 };
 
-inline void check(bool ok) {
+#define CHECK(condition) ((condition) ? void(0) : checkFailed(#condition, __FILE__, __LINE__))
+[[noreturn]] inline void checkFailed(const char* condition, const char* file, int line) {
+    fprintf(stderr, "%s:%d: check failed: %s\n", file, line, condition);
+    std::abort();
+}
+inline void check(bool ok) {  // until the dispatcher model names its checks
     if (!ok) std::abort();
 }

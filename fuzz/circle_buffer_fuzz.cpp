@@ -85,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t code = static_cast<int32_t>(in.byte() % 8) - 1;  // includes unknown codes
     CircleBuffer ring(code);
     const size_t capacity = ring.getFreeSize();
-    check(capacity == 256 || capacity == 1024 || capacity == 2048 || capacity == 4096 ||
+    CHECK(capacity == 256 || capacity == 1024 || capacity == 2048 || capacity == 4096 ||
           capacity == 16384);
     std::deque<uint8_t> model;
 
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     bytes[i] = static_cast<Int8>(in.empty() ? i * 7 : in.byte());
                 }
                 const bool fits = length <= capacity - before;
-                check(ring.insertData(bytes.get(), length) == (fits ? 0 : -1));
+                CHECK(ring.insertData(bytes.get(), length) == (fits ? 0 : -1));
                 if (fits) {
                     model.insert(model.end(), bytes.get(), bytes.get() + length);
                 } else {
@@ -113,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 std::unique_ptr<Int8[]> out(new Int8[before]);
                 const uint32_t n =
                     ring.getFrame(out.get(), static_cast<Int8>(start), static_cast<Int8>(end));
-                check(same(out.get(), n, modelFrame(model, capacity, start, end)));
+                CHECK(same(out.get(), n, modelFrame(model, capacity, start, end)));
                 break;
             }
             case 2: {
@@ -131,7 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 size_t peekCount = 0;
                 const std::string expected =
                     modelMessage(model, capacity, headArg, tailArg, peek, peekCount);
-                check(peek ? n == peekCount : same(out.get(), n, expected));
+                CHECK(peek ? n == peekCount : same(out.get(), n, expected));
                 break;
             }
             case 3: {
@@ -139,27 +139,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 std::unique_ptr<Int8[]> out(new Int8[length]);
                 const uint32_t n = ring.takeData(out.get(), length);
                 const size_t expected = length < before ? length : before;
-                check(n == expected);
-                check(same(out.get(), n, std::string(model.begin(), model.begin() + n)));
+                CHECK(n == expected);
+                CHECK(same(out.get(), n, std::string(model.begin(), model.begin() + n)));
                 model.erase(model.begin(), model.begin() + n);
                 break;
             }
             case 4: {
                 std::unique_ptr<Int8[]> out(new Int8[before]);
-                check(same(out.get(), ring.getData(out.get()),
+                CHECK(same(out.get(), ring.getData(out.get()),
                            std::string(model.begin(), model.end())));
                 model.clear();
                 break;
             }
             default:
-                check(ring.clear() == 0);
+                CHECK(ring.clear() == 0);
                 model.clear();
                 break;
         }
-        check(ring.getDataSize() == model.size());
-        check(ring.getFreeSize() == capacity - model.size());
+        CHECK(ring.getDataSize() == model.size());
+        CHECK(ring.getFreeSize() == capacity - model.size());
     }
     std::unique_ptr<Int8[]> rest(new Int8[model.size()]);
-    check(same(rest.get(), ring.getData(rest.get()), std::string(model.begin(), model.end())));
+    CHECK(same(rest.get(), ring.getData(rest.get()), std::string(model.begin(), model.end())));
     return 0;
 }

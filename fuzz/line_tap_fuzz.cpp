@@ -23,28 +23,28 @@ class CheckingSink : public WireSink {
 
     void delivered(uint64_t offset, int64_t timeNs, const uint8_t* payload,
                    size_t length) override {
-        check(offset + 1 < stream_.size() && stream_[offset] == kFrameFlag);
+        CHECK(offset + 1 < stream_.size() && stream_[offset] == kFrameFlag);
         const uint8_t* frame = stream_.data() + offset;
         const void* end = std::memchr(frame + 1, kFrameFlag, stream_.size() - offset - 1);
-        check(end != nullptr);
+        CHECK(end != nullptr);
         const size_t span = size_t(static_cast<const uint8_t*>(end) - frame) + 1;
-        check(span >= 11 && span <= 3047);
+        CHECK(span >= 11 && span <= 3047);
         std::vector<uint8_t> decoded(span);
-        check(frameDecode(frame, decoded.data()) == int32_t(length) && length >= 12);
-        check(std::memcmp(decoded.data(), payload, length) == 0);
+        CHECK(frameDecode(frame, decoded.data()) == int32_t(length) && length >= 12);
+        CHECK(std::memcmp(decoded.data(), payload, length) == 0);
         show(offset, span, timeNs, false);
         ++delivered_;
     }
     void dropped(uint64_t offset, int64_t timeNs, const uint8_t* bytes, size_t length,
                  const std::string& reason) override {
-        check(!reason.empty() && length > 0 && offset + length <= stream_.size());
-        check(std::memcmp(stream_.data() + offset, bytes, length) == 0);
+        CHECK(!reason.empty() && length > 0 && offset + length <= stream_.size());
+        CHECK(std::memcmp(stream_.data() + offset, bytes, length) == 0);
         show(offset, length, timeNs, false);
         if (reason.compare(0, 8, "dropped:") == 0) ++dropped_;
     }
     void noise(uint64_t offset, int64_t timeNs, const uint8_t* bytes, size_t length) override {
-        check(length > 0 && offset + length <= stream_.size());
-        check(std::memcmp(stream_.data() + offset, bytes, length) == 0);
+        CHECK(length > 0 && offset + length <= stream_.size());
+        CHECK(std::memcmp(stream_.data() + offset, bytes, length) == 0);
         show(offset, length, timeNs, true);
         noiseBytes_ += length;
     }
@@ -52,18 +52,18 @@ class CheckingSink : public WireSink {
     void finish(const WireCounts& counts) const {
         // Every byte is shown: noise once, a frame's closing flag at most again as the next
         // frame's start.
-        for (uint8_t n : shown_) check(n >= 1 && n <= 2);
-        check(counts.delivered == delivered_ && counts.dropped() == dropped_);
-        check(counts.noiseBytes == noiseBytes_);
+        for (uint8_t n : shown_) CHECK(n >= 1 && n <= 2);
+        CHECK(counts.delivered == delivered_ && counts.dropped() == dropped_);
+        CHECK(counts.noiseBytes == noiseBytes_);
     }
 
   private:
     void show(uint64_t offset, size_t length, int64_t timeNs, bool noise) {
-        check(timeNs >= lastNs_);
+        CHECK(timeNs >= lastNs_);
         lastNs_ = timeNs;
         for (size_t i = 0; i < length; ++i) {
             uint8_t& n = shown_[offset + i];
-            check(!noise || n == 0);
+            CHECK(!noise || n == 0);
             ++n;
         }
     }
@@ -107,8 +107,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         at += n;
     }
     tap.finish(LineTap::nominalNs(stream.size(), kRate) + int64_t(stream.size()));
-    check(tap.bytesFed() == stream.size());
+    CHECK(tap.bytesFed() == stream.size());
     sink.finish(tap.counts());
-    check(!wireCountsText(tap.counts(), WireCounts{}).empty());
+    CHECK(!wireCountsText(tap.counts(), WireCounts{}).empty());
     return 0;
 }

@@ -40,11 +40,11 @@ struct Model {
 
 // The header as allocMsgBuf writes it: type word, body length and body by type.
 void checkHeader(const MsgBuf& b, uint16_t type) {
-    check(at<uint32_t>(b.header) == type);
+    CHECK(at<uint32_t>(b.header) == type);
     if (type < 2 || type > 7) return;
-    check(at<uint16_t>(b.header + 40) == (type == 2 ? 81 : type == 4 ? 262 : 76));
-    check(at<uint8_t*>(b.header + 42) == (type == 2 ? b.header + 50 : b.data));
-    if (type == 2) check(at<uint8_t*>(b.header + kPdata) == b.data);
+    CHECK(at<uint16_t>(b.header + 40) == (type == 2 ? 81 : type == 4 ? 262 : 76));
+    CHECK(at<uint8_t*>(b.header + 42) == (type == 2 ? b.header + 50 : b.data));
+    if (type == 2) CHECK(at<uint8_t*>(b.header + kPdata) == b.data);
 }
 
 // The buffer an allocation of `size` takes by the model (first fit, else a new one of exactly
@@ -55,21 +55,21 @@ Entry expectAlloc(Model& m, uint16_t size, uint32_t owner, uint8_t* block) {
     while (fit != m.freeList.end() && fit->dataSize < wanted) ++fit;
     Entry taken{block, wanted, uint16_t(wanted + 152)};
     if (fit == m.freeList.end()) {
-        check(m.refs.count(block) == 0);
+        CHECK(m.refs.count(block) == 0);
         ++m.total;
     } else {
-        check(fit->block == nullptr ? m.refs.count(block) == 0 : block == fit->block);
+        CHECK(fit->block == nullptr ? m.refs.count(block) == 0 : block == fit->block);
         taken = *fit;
         m.freeList.erase(fit);
     }
     m.refs[block] = 1, m.owners[block] = owner;
-    check(at<uint32_t>(block) == 1);
+    CHECK(at<uint32_t>(block) == 1);
     return taken;
 }
 
 void checkLayout(const MsgBuf& b, uint32_t owner) {
-    check(b.state == MSGBUF_USED && b.header == b.block + 4 && b.trailer == b.block + 132);
-    check(*b.owners == owner);
+    CHECK(b.state == MSGBUF_USED && b.header == b.block + 4 && b.trailer == b.block + 132);
+    CHECK(*b.owners == owner);
 }
 }  // namespace
 
@@ -79,8 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Model m;
     const uint16_t count = in.byte() % 8, initSize = in.byte() & 1 ? in.word() : 0;
     const bool refused = initSize > MSGBUF_MAX_DATA_SIZE;
-    check(MsgBufferPool::initPool(count, initSize) == (refused ? -1 : 0));
-    check(MsgBufferPool::initPool(0, 0) == 0);  // so that destroyPool releases what this input made
+    CHECK(MsgBufferPool::initPool(count, initSize) == (refused ? -1 : 0));
+    CHECK(MsgBufferPool::initPool(0, 0) == 0);  // so that destroyPool releases what this input made
     for (uint16_t i = 0; i < (refused ? 0 : count); ++i, ++m.total)
         m.freeList.push_back({nullptr, uint16_t(initSize ? initSize : 1024),
                               uint16_t((initSize ? initSize : 1024) + 152)});
@@ -98,36 +98,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint16_t bytes = op & 8 ? in.word() : uint16_t(510 + op % 5);
             const MsgBuf b = MsgBufferPool::allocMsgBuf(type, bytes, owner);
             if ((bytes & 0x7FFFu) > MSGBUF_MAX_ALLOC_SIZE) {
-                check(b.state == MSGBUF_INVALID);
+                CHECK(b.state == MSGBUF_INVALID);
                 continue;
             }
             const Entry e = expectAlloc(m, bytes, owner, b.block);
-            check(b.dataSize == e.dataSize && b.blockSize == e.blockSize);
+            CHECK(b.dataSize == e.dataSize && b.blockSize == e.blockSize);
             checkLayout(b, owner);
-            check(b.msgType == type && b.data == b.block + 152);
+            CHECK(b.msgType == type && b.data == b.block + 152);
             checkHeader(b, type);
             held.push_back(b);
         } else if (kind == 1) {
             const MsgBuf d = MsgBufferPool::duplicate(*h, owner);
-            check(d.state == MSGBUF_USED && d.block == h->block);
-            check(at<uint32_t>(d.block) == ++m.refs[d.block]);
-            check(*d.owners == (m.owners[d.block] |= owner));
+            CHECK(d.state == MSGBUF_USED && d.block == h->block);
+            CHECK(at<uint32_t>(d.block) == ++m.refs[d.block]);
+            CHECK(*d.owners == (m.owners[d.block] |= owner));
             held.push_back(d);
         } else if (kind == 2) {
             MsgBuf b = *h;
             held.erase(held.begin() + static_cast<long>(pick));
             b.data += op & 0x10;  // the last free puts the data pointer back
-            check(MsgBufferPool::freeMsgBuf(b, owner) == 0 && b.state == MSGBUF_FREE);
-            check(*b.owners == (m.owners[b.block] &= ~owner));
-            check(at<uint32_t>(b.block) == --m.refs[b.block]);
+            CHECK(MsgBufferPool::freeMsgBuf(b, owner) == 0 && b.state == MSGBUF_FREE);
+            CHECK(*b.owners == (m.owners[b.block] &= ~owner));
+            CHECK(at<uint32_t>(b.block) == --m.refs[b.block]);
             if (m.refs[b.block] == 0) {
-                check(b.data == b.block + 152 && b.header == b.block + 4);
+                CHECK(b.data == b.block + 152 && b.header == b.block + 4);
                 m.freeList.push_back({b.block, b.dataSize, b.blockSize});
             }
-            check(MsgBufferPool::freeMsgBuf(b, owner) == -1);
-            check(MsgBufferPool::makeProtocolMsg(b) == -1);
-            check(MsgBufferPool::duplicate(b, 1).state == MSGBUF_INVALID);
-            check(MsgBufferPool::copyMsgBuf(b).state == MSGBUF_INVALID);
+            CHECK(MsgBufferPool::freeMsgBuf(b, owner) == -1);
+            CHECK(MsgBufferPool::makeProtocolMsg(b) == -1);
+            CHECK(MsgBufferPool::duplicate(b, 1).state == MSGBUF_INVALID);
+            CHECK(MsgBufferPool::copyMsgBuf(b).state == MSGBUF_INVALID);
         } else if (kind == 3) {
             // A copy is a new allocation of the source's type and data size, with the content
             // copied and the header's pointers moved into the new block.
@@ -138,30 +138,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             h->userLen = in.word();
             const MsgBuf c = MsgBufferPool::copyMsgBuf(*h);
             if (h->dataSize > MSGBUF_MAX_ALLOC_SIZE) {
-                check(c.state == MSGBUF_INVALID);
+                CHECK(c.state == MSGBUF_INVALID);
                 continue;
             }
-            check(c.blockSize == expectAlloc(m, h->dataSize, 0, c.block).blockSize);
-            check(c.msgType == h->msgType && c.dataSize == h->dataSize && c.userLen == h->userLen);
-            check(*c.owners == 0 && c.data == c.block + 152);
-            check(c.header == c.block + 4 && c.trailer == c.block + 132);
-            check(memcmp(c.header, h->header, 40) == 0 && memcmp(c.data, h->data, room) == 0);
+            CHECK(c.blockSize == expectAlloc(m, h->dataSize, 0, c.block).blockSize);
+            CHECK(c.msgType == h->msgType && c.dataSize == h->dataSize && c.userLen == h->userLen);
+            CHECK(*c.owners == 0 && c.data == c.block + 152);
+            CHECK(c.header == c.block + 4 && c.trailer == c.block + 132);
+            CHECK(memcmp(c.header, h->header, 40) == 0 && memcmp(c.data, h->data, room) == 0);
             if (h->msgType == 2) {
-                check(at<uint8_t*>(c.header + 42) == c.header + 50);
-                check(at<uint8_t*>(c.header + kPdata) == c.block + (inside - h->block));
+                CHECK(at<uint8_t*>(c.header + 42) == c.header + 50);
+                CHECK(at<uint8_t*>(c.header + kPdata) == c.block + (inside - h->block));
             } else if (h->msgType >= 3 && h->msgType <= 7) {
-                check(at<uint8_t*>(c.header + 42) == c.data);
+                CHECK(at<uint8_t*>(c.header + 42) == c.data);
             }
             held.push_back(c);
         } else if (kind == 4) {
-            check(MsgBufferPool::makeProtocolMsg(*h) == 0 && h->msgType == 2);
-            check(at<uint8_t*>(h->header + 42) == h->header + 50);
-            check(at<uint8_t*>(h->header + kPdata) == h->data);
+            CHECK(MsgBufferPool::makeProtocolMsg(*h) == 0 && h->msgType == 2);
+            CHECK(at<uint8_t*>(h->header + 42) == h->header + 50);
+            CHECK(at<uint8_t*>(h->header + kPdata) == h->data);
         } else {
             const uint32_t inUse = (m.total - uint32_t(m.freeList.size())) % 256;
-            check(MsgBufferPool::poolUsagePercent() == (m.total ? inUse * 100 / m.total : 0));
+            CHECK(MsgBufferPool::poolUsagePercent() == (m.total ? inUse * 100 / m.total : 0));
         }
     }
-    check(MsgBufferPool::destroyPool() == 0);
+    CHECK(MsgBufferPool::destroyPool() == 0);
     return 0;
 }

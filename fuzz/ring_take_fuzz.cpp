@@ -2,7 +2,8 @@
 // through ringPutFrame (against the encoder and its bounds), taken out again by
 // ringTakeFrame, ringTakePacket and ringTakePacketReport on triplet rings; checks the ring
 // invariants, every result, frame, payload and readIndex against a model of the frame search, the
-// bounds and the unstuffing, and that the report accounts for every byte the take consumed.
+// bounds and the unstuffing (its own numbers, not the codec's), and that the report accounts for
+// every byte the take consumed.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -17,18 +18,18 @@ namespace {
 void checkRing(const ByteRing& ring) {
     const uint32_t w = ring.writeIndex.load();
     const uint32_t r = ring.readIndex.load();
-    check(w < ring.size && r < ring.size && ring.mask == ring.size - 1);
-    check(ringUsed(&ring) + ringFreeSpace(&ring) == ring.size - 1);
+    CHECK(w < ring.size && r < ring.size && ring.mask == ring.size - 1);
+    CHECK(ringUsed(&ring) + ringFreeSpace(&ring) == ring.size - 1);
 }
 
 void put(ByteRing* a, ByteRing* b, ByteRing* c, const uint8_t* data, uint16_t n) {
     const uint32_t before = a->writeIndex.load();
     const uint32_t freeSpace = ringFreeSpace(a);
     const int32_t ra = ringPutBytes(a, data, n);
-    check(ra == ringPutBytes(b, data, n));
-    check(ra == ringPutBytes(c, data, n));
-    check(ra == ((data != nullptr && n > 0 && n <= freeSpace) ? 0 : -1));
-    if (ra != 0) check(a->writeIndex.load() == before);
+    CHECK(ra == ringPutBytes(b, data, n));
+    CHECK(ra == ringPutBytes(c, data, n));
+    CHECK(ra == ((data != nullptr && n > 0 && n <= freeSpace) ? 0 : -1));
+    if (ra != 0) CHECK(a->writeIndex.load() == before);
 }
 
 // The cut as the frame format defines it, worked out on a copy of the stored bytes: the result,
@@ -44,10 +45,10 @@ Cut modelCut(const ByteRing& ring, uint16_t limit) {
     auto at = [&](uint32_t p) { return ring.storage[p & m]; };
     if (limit == 0 || ((w - r) & m) < 10) return {-1, r, {}};
     uint32_t s = r;
-    while (s != ((w - 2) & m) && !(at(s) == kFrameFlag && at(s + 1) != kFrameFlag)) s = (s + 1) & m;
+    while (s != ((w - 2) & m) && !(at(s) == 0x7E && at(s + 1) != 0x7E)) s = (s + 1) & m;
     if (s == ((w - 2) & m)) return {-1, s, {}};
     uint32_t e = (s + 2) & m;
-    while (e != w && at(e) != kFrameFlag) e = (e + 1) & m;
+    while (e != w && at(e) != 0x7E) e = (e + 1) & m;
     if (e == w) return {-1, ((w - s) & m) >= 3048 ? w : r, {}};
     const uint32_t d = (e - s) & m;
     if (d < 10 || d > 3046 || d + 1 > limit) return {-1, e, {}};
@@ -63,14 +64,14 @@ std::vector<uint8_t> modelPayload(const std::vector<uint8_t>& frame) {
     bool escaped = false;
     for (size_t i = 1; i + 1 < frame.size(); ++i) {
         const uint8_t b = frame[i];
-        if (b == kFrameEscape) {
+        if (b == 0x5E) {
             escaped = true;
             continue;
         }
         out.push_back(escaped && b == 0x5D ? 0x5E : escaped && b == 0x7D ? 0x7E : b);
         escaped = false;
     }
-    if (out.size() < 4 + size_t(kFrameMinPayload)) return {};
+    if (out.size() < 4 + 12) return {};
     return std::vector<uint8_t>(out.begin() + 4, out.end());
 }
 
@@ -79,29 +80,29 @@ std::vector<uint8_t> modelPayload(const std::vector<uint8_t>& frame) {
 void checkReport(const TakeReport& rep, int32_t np, uint32_t consumed) {
     switch (rep.outcome) {
         case TakeOutcome::kNone:
-            check(consumed == 0 && np == -1);
+            CHECK(consumed == 0 && np == -1);
             return;
         case TakeOutcome::kNoise:
-            check(consumed == rep.skipped && consumed > 0 && np == -1);
+            CHECK(consumed == rep.skipped && consumed > 0 && np == -1);
             return;
         case TakeOutcome::kUnterminated:
-            check(consumed == rep.skipped + rep.span && rep.span >= kFrameMaxRun && np == -1);
+            CHECK(consumed == rep.skipped + rep.span && rep.span >= 3048 && np == -1);
             return;
         case TakeOutcome::kTooShort:
         case TakeOutcome::kTooLong:
         case TakeOutcome::kOverLimit:
-            check(np == -1 &&
-                  (rep.outcome != TakeOutcome::kTooShort || rep.span <= kFrameMinDistance));
-            check(rep.outcome != TakeOutcome::kTooLong || rep.span > kFrameMaxDistance + 1);
+            CHECK(np == -1 &&
+                  (rep.outcome != TakeOutcome::kTooShort || rep.span <= 10));
+            CHECK(rep.outcome != TakeOutcome::kTooLong || rep.span > 3047);
             break;
         case TakeOutcome::kShortPayload:
-            check(np == 0 && rep.payload >= -1 && rep.payload < kFrameMinPayload);
+            CHECK(np == 0 && rep.payload >= -1 && rep.payload < 12);
             break;
         case TakeOutcome::kDelivered:
-            check(np == rep.payload && np >= kFrameMinPayload);
+            CHECK(np == rep.payload && np >= 12);
             break;
     }
-    check(consumed == rep.skipped + rep.span - 1);
+    CHECK(consumed == rep.skipped + rep.span - 1);
 }
 
 // Takes from all three rings with the same limit, checked against the model; outputs are exactly
@@ -115,26 +116,26 @@ void take(ByteRing* frames, ByteRing* packets, ByteRing* reported, uint16_t limi
     const int32_t nf = ringTakeFrame(frames, nullOutput ? nullptr : frame.data(), limit);
     const int32_t np = ringTakePacket(packets, nullOutput ? nullptr : packet.data(), limit);
     TakeReport rep{};
-    check(ringTakePacketReport(reported, nullOutput ? nullptr : again.data(), limit, &rep) == np);
-    check(nf == want.result && frames->readIndex.load() == want.readIndex);
-    check(packets->readIndex.load() == want.readIndex);
-    check(reported->readIndex.load() == want.readIndex);
+    CHECK(ringTakePacketReport(reported, nullOutput ? nullptr : again.data(), limit, &rep) == np);
+    CHECK(nf == want.result && frames->readIndex.load() == want.readIndex);
+    CHECK(packets->readIndex.load() == want.readIndex);
+    CHECK(reported->readIndex.load() == want.readIndex);
     checkReport(rep, np, (want.readIndex - readBefore) & frames->mask);
-    if (np > 0) check(std::memcmp(again.data(), packet.data(), size_t(np)) == 0);
+    if (np > 0) CHECK(std::memcmp(again.data(), packet.data(), size_t(np)) == 0);
     if (nf < 0) {
-        check(np == -1);
+        CHECK(np == -1);
         return;
     }
-    check(std::equal(want.frame.begin(), want.frame.end(), frame.begin()));
+    CHECK(std::equal(want.frame.begin(), want.frame.end(), frame.begin()));
     // The cut frame is zeroed in the ring and readIndex rests on its old end flag.
     const uint32_t e = frames->readIndex.load();
-    for (uint32_t i = 0; i < uint32_t(nf); ++i) check(frames->storage[(e - i) & frames->mask] == 0);
+    for (uint32_t i = 0; i < uint32_t(nf); ++i) CHECK(frames->storage[(e - i) & frames->mask] == 0);
     const std::vector<uint8_t> payload = modelPayload(want.frame);
-    check(np == int32_t(payload.size()) &&
+    CHECK(np == int32_t(payload.size()) &&
           std::equal(payload.begin(), payload.end(), packet.begin()));
     std::vector<uint8_t> decoded(static_cast<size_t>(nf));
-    check(frameDecode(frame.data(), decoded.data()) == np);
-    check(std::memcmp(decoded.data(), packet.data(), size_t(np)) == 0);
+    CHECK(frameDecode(frame.data(), decoded.data()) == np);
+    CHECK(std::memcmp(decoded.data(), packet.data(), size_t(np)) == 0);
 }
 
 }  // namespace
@@ -148,7 +149,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t asked = (int32_t(config) - 8) * (1 << (config % 18));
     ringCreate(&probe, asked);
     const bool listed = asked >= 1024 && asked <= 131072 && (asked & (asked - 1)) == 0;
-    check(probe.size == (listed ? uint32_t(asked) : 8192u) && probe.mask == probe.size - 1);
+    CHECK(probe.size == (listed ? uint32_t(asked) : 8192u) && probe.mask == probe.size - 1);
     ringDestroy(&probe);
     ByteRing frames, packets, reported;
     ringCreate(&frames, ringSize);
@@ -202,10 +203,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const bool fits = n > 0 && len <= 4096 && uint32_t(len) <= ringFreeSpace(&frames);
             for (ByteRing* ring : {&frames, &packets, &reported}) {
                 copy = packet;
-                check(ringPutFrame(ring, copy.data(), uint16_t(n)) == (fits ? 0 : -1));
+                CHECK(ringPutFrame(ring, copy.data(), uint16_t(n)) == (fits ? 0 : -1));
             }
             for (int32_t i = 0; fits && i < len; ++i)
-                check(frames.storage[(w + uint32_t(i)) & frames.mask] == scratch[size_t(i)]);
+                CHECK(frames.storage[(w + uint32_t(i)) & frames.mask] == scratch[size_t(i)]);
         }
         checkRing(frames);
         checkRing(packets);

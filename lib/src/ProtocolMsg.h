@@ -58,3 +58,18 @@ struct S_ProtocolMsg {
 static_assert(sizeof(S_ProtocolMsg) == 81, "S_ProtocolMsg is a packed 81-byte record");
 static_assert(offsetof(S_ProtocolMsg, destDeviceID) == 36, "destination follows the source area");
 static_assert(offsetof(S_ProtocolMsg, pdataLen) == 71, "pdataLen at offset 71");
+// Callers fill the record by these names, and the dump prints in this order: every field pinned.
+static_assert(offsetof(S_ProtocolMsg, srcDeviceID) == 1, "srcDeviceID at 1");
+static_assert(offsetof(S_ProtocolMsg, srcProtocol) == 3, "srcProtocol at 3");
+static_assert(offsetof(S_ProtocolMsg, srcNPA) == 4, "source address area at 4");
+static_assert(offsetof(S_ProtocolMsg, destProtocol) == 38, "destProtocol at 38");
+static_assert(offsetof(S_ProtocolMsg, destNPA) == 39, "destination address area at 39");
+static_assert(offsetof(S_ProtocolMsg, pdata) == 73, "pdata at 73");
+static_assert(offsetof(S_NPA, stationNum) == 1 && offsetof(S_NPA, deviceNum) == 5, "NPA 1, 5");
+static_assert(offsetof(S_NPA, pkgNum) == 6 && offsetof(S_NPA, control) == 8, "NPA 6, 8");
+static_assert(offsetof(S_NPA, mcpID) == 9, "NPA mcpID at 9");
+static_assert(offsetof(S_NPB, srcDeviceNum) == 5 && offsetof(S_NPB, destStationNum) == 6, "NPB");
+static_assert(offsetof(S_NPB, destDeviceNum) == 10 && offsetof(S_NPB, pkgNum) == 11, "NPB 10, 11");
+static_assert(offsetof(S_NPB, control) == 13 && offsetof(S_NPB, mcpID) == 14, "NPB 13, 14");
+static_assert(offsetof(S_NPC, moduleNum) == 1 && offsetof(S_NPC, moduleType) == 2, "NPC 1, 2");
+static_assert(offsetof(S_NPC, mcpID) == 3, "NPC mcpID at 3");

@@ -11,22 +11,22 @@ inside() {
     set -euo pipefail
     local deb=$1 bed=$2 a b pid holder rx
     fail() { echo "FAIL: $*"; journalctl -u serialtoeth --no-pager | tail -n 20; exit 1; }
-    wait_until() { for _ in $(seq 200); do eval "$1" && return 0; sleep 0.1; done; fail "$2"; }
     dpkg -i "$deb" >/dev/null
     [ -e /etc/rc2.d/K01serialtoeth ] || fail "init script not registered (disabled)"
-    "$bed/line_emu" --info /run/line 2>/dev/null & wait_until '[ -s /run/line ]' "line emulator"
+    "$bed/line_emu" --info /run/line 2>/dev/null & wait_until 20 eval '[ -s /run/line ]' || fail "line emulator"
     read -r _ a _ b <<<"$(tr '\n' ' ' </run/line)" && ln -s "$a" /dev/zynq_uart0
     "$bed/supervisor_emu" init >/dev/null
     python3 -c 'import fcntl, os, struct, time
 open("/proc/self/comm", "w").write("udhcpc")  # a DHCP client holding the interface
 fcntl.ioctl(os.open("/dev/net/tun", os.O_RDWR), 0x400454ca, struct.pack("16sH22x", b"uart2eth0", 0x1002))
 time.sleep(60)' &
-    holder=$! && wait_until 'ip link show uart2eth0 >/dev/null 2>&1' "stand-in client"
+    holder=$! && wait_until 20 eval 'ip link show uart2eth0 >/dev/null 2>&1' || fail "stand-in client"
     systemctl start serialtoeth
-    wait_until '! kill -0 $holder 2>/dev/null' "killall udhcpc did not end the client"
-    wait_until '[ "$("$bed/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' "status record"
+    wait_until 20 eval '! kill -0 $holder 2>/dev/null' || fail "killall udhcpc did not end the client"
+    wait_until 20 eval '[ "$("$bed/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' || fail "status record"
     pid=$(systemctl show -P MainPID serialtoeth)
-    wait_until "tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root'" "unit: uart2eth0 not shaped"
+    wait_until 20 eval "tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root'" || fail "unit: uart2eth0 not shaped"
+    [ "$(systemctl show -P NRestarts serialtoeth)" = 0 ] || fail "the daemon took the busy interface only after a restart"
     [ "$(grep -E '^(CapEff|NoNewPrivs|Seccomp):' "/proc/$pid/status" | tr -d '\t\n')" = "CapEff:0000000000801000NoNewPrivs:1Seccomp:2" ] ||
         fail "restrictions not in force: $(grep -E '^(Cap|NoNew|Secc)' "/proc/$pid/status")"
     nsenter -t "$pid" -m sh -c '! touch /usr/probe 2>/dev/null && touch /root/probe' || fail "file system not read-only but /root"
@@ -37,7 +37,7 @@ time.sleep(60)' &
     od -An -tx1 /run/out | tr -d ' \n' | grep 7effffffff | grep -q 08060001080006040001 || fail "no ARP request framed on the line"
     rx=$(cat /sys/class/net/uart2eth0/statistics/rx_packets)
     { printf '\x7e\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x02\0\0\0\0\x02\x88\xb5'; head -c 50 /dev/zero; printf '\x7e'; } >"$b"
-    wait_until "[ \$(cat /sys/class/net/uart2eth0/statistics/rx_packets) -gt $rx ]" "frame from the line not received"
+    wait_until 20 eval "[ \$(cat /sys/class/net/uart2eth0/statistics/rx_packets) -gt $rx ]" || fail "frame from the line not received"
     systemctl stop serialtoeth && export SYSTEMCTL_SKIP_REDIRECT=1 # the init script itself, not systemctl
     for action in start force-reload; do /etc/init.d/serialtoeth $action >/dev/null || fail "init script $action"; done
     tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root' || fail "init script: uart2eth0 not shaped"
@@ -45,4 +45,4 @@ time.sleep(60)' &
     dpkg --purge serialtoeth >/dev/null && [ ! -e /etc/rc2.d/K01serialtoeth ] || fail "init script registered after purge"
     echo "PASS"
 }
-"$S2E_SOURCE_DIR/testbed/sdrun" --bind-ro "$work" --bind-ro "$S2E_TESTBED_DIR" bash -c "$(declare -f inside); inside $work/*.deb '$S2E_TESTBED_DIR'"
+"$S2E_SOURCE_DIR/testbed/sdrun" --bind-ro "$work" --bind-ro "$S2E_TESTBED_DIR" bash -c "$(declare -f inside wait_until); inside $work/*.deb '$S2E_TESTBED_DIR'"

@@ -1,4 +1,4 @@
-// Buffers: CircleBuffer's texts and full ring, MsgBufferPool's texts and limits. The data rules of
+// Buffers: CircleBuffer's texts, MsgBufferPool's texts and limits. The data rules of
 // the ring and the pool and the checksums are checked against models in fuzz/. Private namespaces:
 // the pool logs through the debug unit, whose file is /root/dbg.txt.
 #include <gtest/gtest.h>
@@ -23,14 +23,6 @@ TEST(CircleBuffer, OverflowTextsAndTheRingIsEmptied) {
     EXPECT_EQ(ring.getDataSize(), 0u);
     EXPECT_EQ(captureStdout([&] { EXPECT_EQ(ring.insertData(bytes.data(), 257), -1); }),
               "ERR: CircleBuffer::insertData: insert data size is larger than buffer size!\n");
-    // A full ring with its head on the oldest byte: read and write positions coincide, so a peek
-    // counts 0, and a message as long as the ring is consumed without a copy.
-    std::vector<Int8> full(256, '.'), out(256, '#');
-    full[0] = 'H', full[255] = 'T';
-    ASSERT_EQ(ring.insertData(full.data(), 256), 0);
-    EXPECT_EQ(ring.getMessage(out.data(), "H", "T", 1) + ring.getMessage(out.data(), "H", "T", 0),
-              0u);
-    EXPECT_EQ(out[0] + ring.getDataSize(), '#' + 0u);
 }
 
 // Free and total counts as the info dump reports them.
@@ -70,13 +62,15 @@ TEST_F(Pool, SizeLimitsReleaseAndUsage) {
               "ERR: MsgBufferPool::allocMsgBuf: size 32692 too large, refused!\n");
     EXPECT_EQ(refused.state, MSGBUF_INVALID);
     MsgBuf masked = MsgBufferPool::allocMsgBuf(3, 0x8001, 1);
-    EXPECT_TRUE(masked.state == MSGBUF_USED && masked.dataSize >= 2);
+    EXPECT_EQ(masked.state, MSGBUF_USED);
+    EXPECT_GE(masked.dataSize, 2) << "0x8001 asks for 1 byte";
     MsgBufferPool::freeMsgBuf(masked, 1);
     MsgBuf largest = MsgBufferPool::allocMsgBuf(3, 32691, 1);
     EXPECT_EQ(largest.blockSize, 65535);
     EXPECT_EQ(captureStdout([&] { MsgBufferPool::copyMsgBuf(largest); }),
               "ERR: MsgBufferPool::copyMsgBuf: size 65383 too large, refused!\n");
-    EXPECT_EQ(MsgBufferPool::releasePool() + MsgBufferPool::poolUsagePercent(), 0u);
+    EXPECT_EQ(MsgBufferPool::releasePool(), 0);
+    EXPECT_EQ(MsgBufferPool::poolUsagePercent(), 0u);
     EXPECT_EQ(counts(), "MsgBufferPool info: free 0, total 0");
     MsgBufferPool::initPool(300, 16);
     for (int i = 0; i < 300; ++i) MsgBufferPool::allocMsgBuf(3, 8, 1);

@@ -1,4 +1,5 @@
-// Shared test helpers that run this test program again: alone, or in the namespaces of testbed/nsrun.
+// Shared test helpers that run this test program again: alone, or in the namespaces of
+// testbed/nsrun.
 #include "TestSupport.h"
 
 #include <cstdlib>
@@ -15,9 +16,8 @@ static bool inPrivateNamespaces() {
         mounts.find(" - tmpfs s2e-dev ") == mounts.npos || outer == nullptr || *outer == '\0')
         return false;
     for (const char* ns : {"mnt", "net", "ipc", "pid"}) {
-        char link[64] = {};
-        if (readlink((std::string("/proc/self/ns/") + ns).c_str(), link, sizeof link - 1) <= 0 ||
-            (std::string(" ") + outer + " ").find(std::string(" ") + link + " ") != std::string::npos)
+        const std::string link = readLink(std::string("/proc/self/ns/") + ns);
+        if (link.empty() || (" " + std::string(outer) + " ").find(" " + link + " ") != link.npos)
             return false;
     }
     return true;
@@ -29,9 +29,7 @@ static bool inPrivateNamespaces() {
     if (first != nullptr) words.push_back(first);
     std::istringstream emulator(S2E_EMULATOR_CMD);
     for (std::string word; emulator >> word;) words.push_back(word);
-    char self[4096];
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    words.emplace_back(self, n > 0 ? size_t(n) : 0);
+    words.push_back(readLink("/proc/self/exe"));
     words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
@@ -52,7 +50,8 @@ int rerunCurrentTest(const char* role) {
     return WEXITSTATUS(status);
 }
 
-// Entry of *_nstest programs: run by hand, too, they touch none of the host's keys, files or devices.
+// Entry of *_nstest programs: run by hand, too, they touch none of the host's keys, files or
+// devices.
 int namespaceMain(int argc, char** argv) {
     if (!inPrivateNamespaces()) {
         if (std::getenv("S2E_ENTERING_NAMESPACES") != nullptr)

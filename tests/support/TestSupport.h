@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +22,12 @@ inline std::string readFile(const std::string& path) {
     std::ostringstream out;
     out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
+}
+// Where a symbolic link leads; empty when it is none.
+inline std::string readLink(const std::string& path) {
+    char target[4096];
+    const ssize_t n = readlink(path.c_str(), target, sizeof target);
+    return std::string(target, size_t(std::max<ssize_t>(n, 0)));
 }
 // What was written so far to the open (or unlinked) file of a stream.
 inline std::string contents(FILE* file) {
@@ -106,5 +113,12 @@ inline msqid_ds queueStat(int id) {
 
 // Runs the current test alone in a fresh process with S2E_CHILD=role; its exit status, or -1.
 int rerunCurrentTest(const char* role);
+// The child also gets IPC objects of its own: the fixed keys must not meet this process's queues.
+#define IN_A_FRESH_PROCESS(role)                       \
+    if (getenv("S2E_CHILD") == nullptr) {              \
+        EXPECT_EQ(s2etest::rerunCurrentTest(role), 0); \
+        return;                                        \
+    }                                                  \
+    ASSERT_EQ(unshare(CLONE_NEWIPC), 0)
 
 }  // namespace s2etest

@@ -31,6 +31,3 @@ class FuzzInput {
     fprintf(stderr, "%s:%d: check failed: %s\n", file, line, condition);
     std::abort();
 }
-inline void check(bool ok) {  // until the dispatcher model names its checks
-    if (!ok) std::abort();
-}

@@ -91,8 +91,7 @@ void checkReport(const TakeReport& rep, int32_t np, uint32_t consumed) {
         case TakeOutcome::kTooShort:
         case TakeOutcome::kTooLong:
         case TakeOutcome::kOverLimit:
-            CHECK(np == -1 &&
-                  (rep.outcome != TakeOutcome::kTooShort || rep.span <= 10));
+            CHECK(np == -1 && (rep.outcome != TakeOutcome::kTooShort || rep.span <= 10));
             CHECK(rep.outcome != TakeOutcome::kTooLong || rep.span > 3047);
             break;
         case TakeOutcome::kShortPayload:

@@ -1,9 +1,12 @@
 // The serial side of the bridge on two threads, meant for the thread sanitizer: a producer puts the
 // encoded stream into the ring in chunks cut anywhere, as the port delivers it, and hands them over
-// by the wake-up rule; the consumer takes packets and sleeps as the dispatcher does, so a lost
-// wake-up hangs the run. (The frame side runs on real threads in the bridge test.)
+// by the wake-up rule; the consumer takes packets and sleeps as the dispatcher does. Its sleep is
+// bounded: one that lasts the whole 5 seconds while a frame is awaited is a lost wake-up, reported
+// with the frame, not a hang. (The frame side runs on real threads in the bridge test.)
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <random>
 #include <thread>
 #include <vector>
@@ -21,15 +24,16 @@ TEST(CodecStress, RawChunksHandedOverByTheWakeUpRule) {
     ByteRing ring;
     ringCreate(&ring, 16384);
     DispatcherWake wake;
+    std::atomic<bool> stop{false};  // a failed check ends the producer too
     std::thread producer([&] {
         std::mt19937 rng(5);
         std::vector<uint8_t> stream(8192);
-        for (int i = 0; i < 12000; ++i) {
+        for (int i = 0; i < 12000 && !stop; ++i) {
             std::vector<uint8_t> p = packetFor(i);
             const size_t have = size_t(frameEncode(p.data(), stream.data(), int32_t(p.size())));
-            for (size_t at = 0, chunk; at < have; at += chunk) {
+            for (size_t at = 0, chunk; at < have && !stop; at += chunk) {
                 chunk = std::min<size_t>(have - at, 1 + rng() % 512);
-                while (ringPutBytes(&ring, stream.data() + at, uint16_t(chunk)) != 0)
+                while (ringPutBytes(&ring, stream.data() + at, uint16_t(chunk)) != 0 && !stop)
                     std::this_thread::yield();
                 if (DispatcherWake::serialChunkNeedsPass(&ring, stream.data() + at,
                                                          uint32_t(chunk)))
@@ -38,17 +42,25 @@ TEST(CodecStress, RawChunksHandedOverByTheWakeUpRule) {
         }
     });
     std::vector<uint8_t> out(8192);
+    const timespec bound = {5, 0};
     for (int i = 0; i < 12000; ++i) {
         int32_t n;
         bool more = false;
-        for (;;) {  // the dispatcher's pass and idle sleep
-            const uint32_t pass = wake.passStart();
-            if ((n = takeNextPacket(&ring, out.data(), 8192, 8192, &more)) > 0) break;
-            if (!more) wake.sleep(pass, nullptr);
+        // The dispatcher's pass and idle sleep, the sleep bounded.
+        for (uint32_t pass = wake.passStart();
+             (n = takeNextPacket(&ring, out.data(), 8192, 8192, &more)) <= 0 && !HasFailure();
+             pass = wake.passStart()) {
+            if (more) continue;
+            const auto asleep = std::chrono::steady_clock::now();
+            wake.sleep(pass, &bound);
+            EXPECT_LT(std::chrono::steady_clock::now() - asleep, std::chrono::seconds(5))
+                << "frame " << i << ": slept out the 5-second bound, no wake-up came";
         }
         const std::vector<uint8_t> p = packetFor(i);
-        ASSERT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + n), p) << i;
+        if (HasFailure()) break;
+        EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + n), p) << "frame " << i;
     }
+    stop = true;
     producer.join();
     ringDestroy(&ring);
 }

@@ -68,13 +68,9 @@ h_pair
 tail -n +2 "$(h_out a)" | begins - $'SerialToEth::run!\nCommPortDriver::open /dev/zynq_uart0 seccess!\nRs232 open ok\n' || fail "a: start-up texts"
 [ "$(stty -F "$H_PTY_A" speed)" = "$([ -z "${S2E_EMULATOR:-}" ] && echo 576000 || echo 0)" ] || fail "line speed" # qemu-user 7.2: B0
 wait_until 30 h_exec a ping -c 1 -W 1 10.99.0.2 >/dev/null 2>&1 || fail "no traffic"  # addresses known
-h_line_cmd "ber 0.001"
-h_line_cmd "drop 0.001"
-h_line_cmd "garbage 3000"
+h_line_cmd $'ber 0.001\ndrop 0.001\ngarbage 3000'
 h_exec a timeout 5 ping -c 5 -i 0.2 -W 1 10.99.0.2 >/dev/null 2>&1 || true
-h_line_cmd "garbage 20000 ab"
-sleep 1
-h_line_cmd "clear"
+h_line_cmd "garbage 20000 ab" && sleep 1 && h_line_cmd "clear"
 wait_until 30 h_exec a ping -c 1 -W 1 10.99.0.2 >/dev/null 2>&1 || fail "no traffic after the noise stopped"
 h_exec a ping -c 10 -i 0.2 -W 3 10.99.0.2 | grep -q " 0% packet loss" || fail "ping a -> b lost packets"
 h_exec b ping -c 20 -i 0.1 -s 1472 -W 3 10.99.0.1 | grep -q " 0% packet loss" || fail "full-size frames lost"

@@ -19,6 +19,5 @@ for prefix in /usr /opt/s2e; do
         [ -x "$root/etc/init.d/S80serialtoeth" ] && sh -n "$root/etc/init.d/S80serialtoeth" || fail "boot script ($prefix)"
     grep -qx "ExecStart=$prefix/sbin/SerialToEth" "$root$prefix/lib/systemd/system/serialtoeth.service" || fail "unit ($prefix)"
     ! grep -rqE '@[A-Z_]+@' "$root/etc" "$root$prefix/lib" || fail "unsubstituted placeholder ($prefix)"
-    lexgrog "$root$prefix/share/man/man8/SerialToEth.8.gz" >/dev/null || fail "manual page has no NAME line"
 done
 echo "install: all checks passed"

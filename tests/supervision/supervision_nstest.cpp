@@ -1,13 +1,12 @@
 // Supervision: the monitor's steps called directly, the whole of it as a supervisor sees it (keys
-// and byte offsets written here), the fault trap in forked children, map table lookups in a real
-// segment. Private namespaces: the segment and queue keys are fixed.
+// and byte offsets written here), map table lookups in a real segment (the fault trap is checked on
+// the daemon). Private namespaces: the segment and queue keys are fixed.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 
 #include "BlemacMapIpManager.h"
 #include "FaultTrap.h"
@@ -144,24 +143,6 @@ TEST(Supervisor, RecordQueueTicksAndRefresh) {
     for (int i = 0; i < 500 && msgget(0x200000, 0) == -1; ++i) usleep(10000);
     EXPECT_NE(msgget(0x200000, 0), -1) << "the refresh made the timer manager (queue 0x200000)";
     EXPECT_EQ(field(0), 43) << "msgCount: the refresh";
-}
-
-// Each signal's banner, text and report are checked on the daemon; here a full or missing queue,
-// which must not hold the dying process up.
-TEST(FaultTrap, FullOrMissingQueue) {
-    const int full = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
-    msqid_ds info = s2etest::queueStat(full);
-    info.msg_qbytes = 0;  // no room at all
-    ASSERT_EQ(msgctl(full, IPC_SET, &info), 0);
-    for (int queueId : {full, -1}) {
-        s2etest::Child child([&] {
-            FaultTrap trap(queueId);
-            raise(SIGFPE);
-        });
-        EXPECT_EQ(child.status(), 0) << queueId;
-        EXPECT_NE(child.output().find(kFaultMessages[1]), std::string::npos) << child.output();
-    }
-    msgctl(full, IPC_RMID, nullptr);
 }
 
 // Written the way the owning process would: key 0x400009, values from byte 8, keys from byte 40.

@@ -1,8 +1,7 @@
-// The serial side of the bridge on two threads, meant for the thread sanitizer: a producer puts the
-// encoded stream into the ring in chunks cut anywhere, as the port delivers it, and hands them over
-// by the wake-up rule; the consumer takes packets and sleeps as the dispatcher does. Its sleep is
-// bounded: one that lasts the whole 5 seconds while a frame is awaited is a lost wake-up, reported
-// with the frame, not a hang. (The frame side runs on real threads in the bridge test.)
+// The serial side of the bridge on two threads, also for the thread sanitizer: a producer puts the
+// encoded stream into the ring in chunks cut anywhere and hands them over by the wake-up rule; the
+// consumer takes packets and sleeps as the dispatcher does, but at most 5 s: a sleep that lasts
+// that long while a frame is awaited is a lost wake-up, reported with the frame, not a hang.
 #include <gtest/gtest.h>
 
 #include <atomic>

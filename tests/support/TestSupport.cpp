@@ -1,5 +1,4 @@
-// Shared test helpers that run this test program again: alone, or in the namespaces of
-// testbed/nsrun.
+// Shared test helpers that run this test program again: alone, or in testbed/nsrun's namespaces.
 #include "TestSupport.h"
 
 #include <cstdlib>

@@ -35,7 +35,7 @@ before=$(stat -c %s "$H_DIR/d.out") && sleep 3
 ip link show uart2eth0 | grep -q "[<,]UP[,>]" || fail "interface not up"
 # A second daemon finds the interface busy: it tries once more, then ends with status 0. A third,
 # whose "killall udhcpc" (a stand-in) ends the running daemon, takes the interface at its retry.
-"${H_RUN[@]}" "$S2E_DAEMON" >"$H_DIR/busy.out" 2>&1 || fail "busy exit status $?"
+timeout 30 "${H_RUN[@]}" "$S2E_DAEMON" >"$H_DIR/busy.out" 2>&1 || fail "busy exit status $?"
 begins "$H_DIR/busy.out" $'SerialToEth::run!\n' && tail -n 1 "$H_DIR/busy.out" | begins - $'TUNSETIFF: Device or resource busy\n' || fail "busy: texts"
 mkdir "$H_DIR/bin" && printf '#!/bin/sh\n[ "$*" = udhcpc ] && kill -KILL %s && until [ -z "$(ls /proc/%s/fd 2>/dev/null)" ]; do sleep 0.01; done\n' "$pid" "$pid" >"$H_DIR/bin/killall"
 chmod +x "$H_DIR/bin/killall" && PATH=$H_DIR/bin:$PATH start_daemon

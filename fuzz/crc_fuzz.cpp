@@ -31,8 +31,10 @@ uint32_t bitwise32(uint32_t crc, const uint8_t* data, size_t length) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Catalogue values of the check string: CRC-16/XMODEM, CRC-16/IBM-3740, CRC-32/JAMCRC.
     static const uint8_t kCheck[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
-    CHECK(crc16(kCheck, 9) == 0x31C3 && crc16Update(0xFFFF, kCheck, 9) == 0x29B1);
-    CHECK(crc32(kCheck, 9) == 0x340BC6D9u && crc32Raw(kCheck, 9) == 0x2DFD2D88u);
+    CHECK(crc16(kCheck, 9) == 0x31C3);
+    CHECK(crc16Update(0xFFFF, kCheck, 9) == 0x29B1);
+    CHECK(crc32(kCheck, 9) == 0x340BC6D9u);
+    CHECK(crc32Raw(kCheck, 9) == 0x2DFD2D88u);
     if (size < 3) return 0;
     const uint16_t start = static_cast<uint16_t>(data[0] | data[1] << 8);
     const size_t cut = data[2] % (size - 2);

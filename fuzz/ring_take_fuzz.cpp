@@ -18,7 +18,9 @@ namespace {
 void checkRing(const ByteRing& ring) {
     const uint32_t w = ring.writeIndex.load();
     const uint32_t r = ring.readIndex.load();
-    CHECK(w < ring.size && r < ring.size && ring.mask == ring.size - 1);
+    CHECK(w < ring.size);
+    CHECK(r < ring.size);
+    CHECK(ring.mask == ring.size - 1);
     CHECK(ringUsed(&ring) + ringFreeSpace(&ring) == ring.size - 1);
 }
 
@@ -86,7 +88,9 @@ void checkReport(const TakeReport& rep, int32_t np, uint32_t consumed) {
             CHECK(consumed == rep.skipped && consumed > 0 && np == -1);
             return;
         case TakeOutcome::kUnterminated:
-            CHECK(consumed == rep.skipped + rep.span && rep.span >= 3048 && np == -1);
+            CHECK(consumed == rep.skipped + rep.span);
+            CHECK(rep.span >= 3048);
+            CHECK(np == -1);
             return;
         case TakeOutcome::kTooShort:
         case TakeOutcome::kTooLong:
@@ -116,7 +120,8 @@ void take(ByteRing* frames, ByteRing* packets, ByteRing* reported, uint16_t limi
     const int32_t np = ringTakePacket(packets, nullOutput ? nullptr : packet.data(), limit);
     TakeReport rep{};
     CHECK(ringTakePacketReport(reported, nullOutput ? nullptr : again.data(), limit, &rep) == np);
-    CHECK(nf == want.result && frames->readIndex.load() == want.readIndex);
+    CHECK(nf == want.result);
+    CHECK(frames->readIndex.load() == want.readIndex);
     CHECK(packets->readIndex.load() == want.readIndex);
     CHECK(reported->readIndex.load() == want.readIndex);
     checkReport(rep, np, (want.readIndex - readBefore) & frames->mask);

@@ -93,7 +93,7 @@ TEST_F(Debug, NetworkSink) {
     for (const auto& [message, datagram] : rows) {
         debugLog(LOG_ERROR, "%s", message.c_str());
         console += message;
-        EXPECT_EQ(peer.receive(), datagram) << message.size();
+        EXPECT_EQ(peer.receive(), datagram) << testing::PrintToString(message.substr(0, 8));
     }
     debugLog(LOG_WARNING, "filtered\n");
     debugLog(LOG_TO_FILE | LOG_ERROR, "flagged\n");

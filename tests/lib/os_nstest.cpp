@@ -42,7 +42,7 @@ TEST(Queue, KeySourcesDrainingAndRecords) {
         const int id = msgget(key, IPC_CREAT | 0666);
         for (size_t size : sizes) ASSERT_EQ(msgsnd(id, &m, size, 0), 0);
         EXPECT_EQ(key == 0x310000 ? seq->createQueue() : openQueue(uint32_t(key)), id);
-        EXPECT_EQ(queueStat(id).msg_qnum, left) << sizes.size();
+        EXPECT_EQ(queueStat(id).msg_qnum, left) << testing::PrintToString(sizes);
     }
     while (seq->nextKey() != 0x31FFFFu) {
     }

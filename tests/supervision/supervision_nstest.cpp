@@ -128,7 +128,7 @@ TEST(Supervisor, RecordQueueTicksAndRefresh) {
     for (int i = 0; i < 500 && field(0) == 41; ++i) usleep(10000);
     EXPECT_EQ(field(0), 42) << "msgCount (byte 0): one tick";
     EXPECT_EQ(field(4), 0) << "state (byte 4): running";
-    EXPECT_EQ(__atomic_load_n(reinterpret_cast<uint8_t*>(record) + 8, 0), 1)
+    EXPECT_EQ(__atomic_load_n(&reinterpret_cast<uint8_t*>(record)[8], 0), 1)
         << "monitorUp (byte 8)";
     EXPECT_EQ(field(12), reports) << "supervisorQueueId (byte 12) kept";
     EXPECT_EQ(field(16), msgget(0x310000, 0)) << "monitorQueueId (byte 16): key 0x310000";

@@ -42,10 +42,9 @@ TEST(CodecStress, RawChunksHandedOverByTheWakeUpRule) {
     });
     std::vector<uint8_t> out(8192);
     const timespec bound = {5, 0};
-    for (int i = 0; i < 12000; ++i) {
+    for (int i = 0; i < 12000; ++i) {  // the dispatcher's passes and idle sleeps, bounded
         int32_t n;
         bool more = false;
-        // The dispatcher's pass and idle sleep, the sleep bounded.
         for (uint32_t pass = wake.passStart();
              (n = takeNextPacket(&ring, out.data(), 8192, 8192, &more)) <= 0 && !HasFailure();
              pass = wake.passStart()) {
@@ -55,9 +54,9 @@ TEST(CodecStress, RawChunksHandedOverByTheWakeUpRule) {
             EXPECT_LT(std::chrono::steady_clock::now() - asleep, std::chrono::seconds(5))
                 << "frame " << i << ": slept out the 5-second bound, no wake-up came";
         }
-        const std::vector<uint8_t> p = packetFor(i);
         if (HasFailure()) break;
-        EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + n), p) << "frame " << i;
+        EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + n), packetFor(i))
+            << "frame " << i;
     }
     stop = true;
     producer.join();

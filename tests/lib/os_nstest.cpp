@@ -121,7 +121,6 @@ TEST(IntervalTimer, FirstAfterATenthThenOnePerPeriod) {
     timer.start();
     ASSERT_TRUE(got.waitFor(2));
     timer.stop();
-    EXPECT_EQ(got.count(), 2u) << "stopped";
     EXPECT_GE(got.times[0] - start, 90ms) << "first";
     EXPECT_LT(got.times[0] - start, 1000ms) << "first: not after a period";
     EXPECT_GE(got.times[1] - start, 1590ms) << "second";

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <tuple>
 
 #include "BlemacMapIpManager.h"
 #include "FaultTrap.h"
@@ -74,25 +75,23 @@ TEST(Monitor, StalledObjectsAreRestartedEveryThirdMissAndRefreshReachesAllAndCle
     busy.misses = 2;
     ProcessStatusRecord record{};
     record.msgCount = 0xFFFFFFFEu;
-    const struct {
-        int32_t misses;
-        long kills;
-        uint32_t recorded;
-    } after[] = {{0, 0, 5}, {1, 0, 5}, {2, 0, 5}, {0, 1, 5},
-                 {0, 1, 0}, {1, 1, 0}, {2, 1, 0}, {0, 2, 0}};
-    std::string kills;
+    // After each tick: the miss count, kills (and restarts) so far, the recorded heartbeat.
+    const std::tuple<int32_t, long, uint32_t> after[] = {
+        {0, 0, 5}, {1, 0, 5}, {2, 0, 5}, {0, 1, 5}, {0, 1, 0}, {1, 1, 0}, {2, 1, 0}, {0, 2, 0}};
+    std::string notices;
     stalls.beat = 5;
-    for (const auto& row : after) {
-        SCOPED_TRACE("tick " + std::to_string(&row - after + 1));
+    for (size_t tick = 0; tick < 8; ++tick) {
+        const auto [misses, kills, recorded] = after[tick];
+        SCOPED_TRACE("tick " + std::to_string(tick + 1));
         busy.beat += 7;
-        kills += captureStdout([&] { monitorHandleMessage(&record, kTickMsgType); });
-        EXPECT_EQ(stalls.misses, row.misses) << "miss count";
-        EXPECT_EQ(count(log, "stalls:stop"), row.kills) << "kills";
-        EXPECT_EQ(count(log, "stalls:start"), row.kills) << "restarts";
-        EXPECT_EQ(stalls.last, row.recorded) << "recorded heartbeat";
+        notices += captureStdout([&] { monitorHandleMessage(&record, kTickMsgType); });
+        EXPECT_EQ(stalls.misses, misses) << "miss count";
+        EXPECT_EQ(count(log, "stalls:stop"), kills) << "kills";
+        EXPECT_EQ(count(log, "stalls:start"), kills) << "restarts";
+        EXPECT_EQ(stalls.last, recorded) << "recorded heartbeat";
         EXPECT_EQ(busy.misses, 0) << "progress resets the count";
     }
-    EXPECT_EQ(kills, "kill stalls\nkill stalls\n");
+    EXPECT_EQ(notices, "kill stalls\nkill stalls\n");
     EXPECT_EQ(count(log, "stalls:missed"), 6) << "told of every miss";
     EXPECT_EQ(count(log, "busy:stop"), 0) << "moving: never killed";
     struct : TimerHandler {
@@ -165,8 +164,6 @@ TEST(MapTable, LookupsInTheOwnersSegment) {
     for (const auto& [key, value] : rows) EXPECT_EQ(manager.lookup(key), value) << key;
     key[2] = 0;  // seen without attaching again
     EXPECT_EQ(manager.lookup(0x0A000001), 55u);
-    shmdt(owner);
-    shmctl(shmget(0x400009, 0, 0), IPC_RMID, nullptr);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 # Sourced first by every shell test: unless it set host=1, the test runs again through testbed/nsrun
-# unless it is in nsrun's namespaces (its tmpfs over /root and /dev; mount, network, IPC and PID
-# namespaces other than those nsrun started in); then strict mode, fail, wait_until and a scratch
-# directory $work removed on exit, also on failure.
+# if not in nsrun's namespaces (tmpfs over /root and /dev, no namespace of nsrun's caller); then
+# strict mode, fail, wait_until and a scratch directory $work removed on exit, also on failure.
 private_ns() {
     awk '/ - tmpfs s2e-root /{r = 1} / - tmpfs s2e-dev /{d = 1} END {exit !(r && d)}' /proc/self/mountinfo &&
         [ -n "${S2E_OUTER_NS:-}" ] && for ns in mnt net ipc pid; do

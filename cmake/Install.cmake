@@ -39,12 +39,15 @@ install(CODE "
     else()
         set(S2E_DAEMON_PATH \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/SerialToEth\")
     endif()
+    set(S2E_WATCH_PATH \"\${CMAKE_INSTALL_PREFIX}/lib/serialtoeth/serialtoeth-watch\")
     configure_file(\"${_s2e_pkg_src}/init.d/S80serialtoeth.in\" \"${_s2e_pkg_gen}/S80serialtoeth\" @ONLY)
     configure_file(\"${_s2e_pkg_src}/debian/serialtoeth.init.in\" \"${_s2e_pkg_gen}/serialtoeth\" @ONLY)
     configure_file(\"${_s2e_pkg_src}/systemd/serialtoeth.service.in\"
                    \"${_s2e_pkg_gen}/serialtoeth.service\" @ONLY)
 " ALL_COMPONENTS)
 install(FILES ${_s2e_pkg_gen}/serialtoeth.service DESTINATION ${S2E_INSTALL_UNITDIR})
+# Restarts the daemon when its interface or UART is lost under it; run by the scripts and the unit.
+install(PROGRAMS ${_s2e_pkg_src}/serialtoeth-watch DESTINATION lib/serialtoeth)
 install(PROGRAMS ${_s2e_pkg_gen}/S80serialtoeth DESTINATION ${S2E_INSTALL_INITDIR} COMPONENT board)
 
 # The Debian package's own files. The package is native (built from this tree, no separate

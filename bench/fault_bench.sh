@@ -40,6 +40,12 @@ export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
 export S2E_SOURCE_DIR=$here
 source "$here/testbed/e2e-harness.sh"
 h_init
+# The daemon's output to a file is block-buffered: line-buffered here, so that each row gets the
+# lines printed during it. The wrapper bears the daemon's name, which the boot script checks.
+mkdir "$H_DIR/bin"
+printf '#!/bin/sh\nexec stdbuf -oL -eL %s "$@"\n' "$S2E_DAEMON" >"$H_DIR/bin/SerialToEth"
+chmod +x "$H_DIR/bin/SerialToEth"
+S2E_DAEMON=$H_DIR/bin/SerialToEth
 bg_pids=()
 bench_teardown() {
     local p
@@ -65,12 +71,19 @@ track_cpu() {
     local pid=$1 file=$2 v
     while [ -d "/proc/$pid" ]; do
         v=$(cpu_ns "$pid")
+        # An ended process, not yet reaped, shows no threads: its last figure stands.
+        [ "$v" -gt 0 ] || break
         echo "$v $(now)" >"$file.tmp" && mv "$file.tmp" "$file"
         sleep 0.2
     done
 }
 rss_kb() { awk '/^VmRSS:/{print $2}' "/proc/$1/status" 2>/dev/null || echo "?"; }
 nfds() { find "/proc/$1/fd" -mindepth 1 -maxdepth 1 2>/dev/null | wc -l; }
+# Seconds from the fault's start (its /proc/uptime in up0) to the start of process $1.
+clk_tck=$(getconf CLK_TCK)
+started_after() {
+    awk -v u="$up0" -v hz="$clk_tck" '{ sub(/.*\) /, ""); printf "%.1f", $20 / hz - u }' "/proc/$1/stat"
+}
 log_size() { stat -c %s "$(h_out "$1")"; }
 # The boot script as the administrator runs it in that side's namespaces.
 s80() {
@@ -165,7 +178,7 @@ fault_kill_far() {
         sleep 0.05
     done
     t_end=$(now)
-    note="SIGKILL; watcher restarted it after $(awk -v s="$t_start" -v e="$t_end" 'BEGIN{printf "%.1f", e - s}') s"
+    note="SIGKILL; watcher restarted it after $(started_after "$(h_pid b)") s"
 }
 fault_flood() {
     t_start=$(now)
@@ -206,7 +219,7 @@ fault_iface_gone() {
         h_find_daemon b && [ "$(h_pid b)" != "$old" ] && break
         sleep 0.05
     done
-    note="b's uart2eth0 deleted; watcher restarted b after $(awk -v s="$t_start" -v e="$(now)" 'BEGIN{printf "%.1f", e - s}') s"
+    note="b's uart2eth0 deleted; watcher restarted b after $(started_after "$(h_pid b)") s"
 }
 fault_iface_gone_nowatch() {
     s80 b stop >/dev/null  # the daemon with it; started again alone, as without the watcher
@@ -220,7 +233,10 @@ fault_iface_gone_nowatch() {
     h_exec b ip link delete uart2eth0
     sleep 10
     local gone
-    gone=$(awk -v s="$t_start" '/bytes from/ { t = substr($1, 2) + 0; if (t > s) n++ } END { print n + 0 }' "$H_DIR/ping.log")
+    # Replies to pings sent since the deletion.
+    gone=$(awk -v s="$t_start" '/bytes from/ && match($0, /time=[0-9.]+/) {
+               if (substr($1, 2) - substr($0, RSTART + 5, RLENGTH - 5) / 1000 >= s) n++ }
+           END { print n + 0 }' "$H_DIR/ping.log")
     t_end=$(now)
     cpu_b_override=$(awk -v c="$(($(cpu_ns "$(h_pid b)") - base_b))" -v s="$t_start" -v e="$t_end" \
         'BEGIN{printf "%.1f", 100 * c / 1e9 / (e - s)}')
@@ -242,7 +258,7 @@ fault_uart_gone() {
         h_find_daemon b && [ "$(h_pid b)" != "$old" ] && break
         sleep 0.05
     done
-    note="b's UART hung up and its node gone 5 s, then a new one; watcher restarted b after $(awk -v s="$t_end" -v e="$(now)" 'BEGIN{printf "%.1f", e - s}') s"
+    note="b's UART hung up and its node gone 5 s, then a new one; watcher restarted b $(awk -v a="$(started_after "$(h_pid b)")" 'BEGIN{printf "%.1f", a - 5}') s after"
 }
 ipc_id() { h_exec b "$S2E_TESTBED_DIR/supervisor_emu" status | grep -o "$1=[-0-9]*" | cut -d= -f2; }
 fault_ipc_supervisor() {
@@ -262,7 +278,8 @@ fault_ipc_monitor() {
     sleep 12
     t_end=$(now)
     h_find_daemon b || true
-    note="b's monitor queue ($id) removed, 12 s$([ "$(h_pid b)" != "$old" ] && echo "; watcher restarted b")"
+    note="b's monitor queue ($id) removed, 12 s$([ "$(h_pid b)" = "$old" ] ||
+        echo "; watcher restarted b after $(started_after "$(h_pid b)") s")"
 }
 fault_ipc_status() {
     t_start=$(now)
@@ -280,6 +297,14 @@ fault_root_ro() {
     t_end=$(now)
     note="b restarted with /root read-only, 12 s"
 }
+
+# A first transfer, so that what a daemon touches once (its buffers, the rings) is resident
+# before the first row's figures.
+h_exec b "$S2E_TESTBED_DIR/tcp_blast" recv 6999 60 >/dev/null 2>&1 &
+rpid=$!
+sleep 0.3
+h_exec a "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 6999 200000 60 >/dev/null 2>&1 || true
+wait "$rpid" || true
 
 faults=(cut cut_ab stop_far kill_far flood bad_frames pingf_full pingf_min iface_gone
         iface_gone_nowatch uart_gone ipc_supervisor ipc_monitor ipc_status root_ro)
@@ -308,22 +333,24 @@ for fault in "${faults[@]}"; do
     ta=$!
     track_cpu "$pb" "$H_DIR/cpu.b" &
     tb=$!
+    up0=$(cut -d' ' -f1 /proc/uptime)
     "fault_$fault"
     kill "$ta" "$tb" 2>/dev/null || true
     wait "$ta" "$tb" 2>/dev/null || true
     # Over the fault, or over the part of it that a daemon ended during it lived.
     cpu_a=$(awk -v c0="$ca0" -v s="$t_start" -v e="$t_end" '{ d = ($2 < e ? $2 : e) - s
-        printf "%.1f", (d > 0.5 ? 100*($1 - c0)/1e9/d : 0) }' "$H_DIR/cpu.a")
+        if (d > 0.5) printf "%.2f", 100*($1 - c0)/1e9/d; else printf "-" }' "$H_DIR/cpu.a")
     cpu_b=$(awk -v c0="$cb0" -v s="$t_start" -v e="$t_end" '{ d = ($2 < e ? $2 : e) - s
-        printf "%.1f", (d > 0.5 ? 100*($1 - c0)/1e9/d : 0) }' "$H_DIR/cpu.b")
+        if (d > 0.5) printf "%.2f", 100*($1 - c0)/1e9/d; else printf "-" }' "$H_DIR/cpu.b")
     [ -z "$cpu_b_override" ] || cpu_b=$cpu_b_override
-    # First reply stamped after the fault's end (ping -D stamps each line with its arrival). A
-    # fault without a duration counts from its start, replies still in flight at it left out.
-    reply="" from=$t_end
-    [ "$t_end" != "$t_start" ] || from=$(awk -v s="$t_start" 'BEGIN{printf "%.6f", s + 0.3}')
+    # The first reply after the fault's end to a ping sent after its start (ping -D stamps each
+    # reply with its arrival; arrival less round trip is the sending): a reply to a ping that
+    # waited out the fault counts, one that only queued behind the transfer before it does not.
+    reply=""
     for _ in $(seq 600); do
-        reply=$(awk -v f="$from" -v e="$t_end" '/bytes from/ { t = substr($1, 2) + 0
-                                   if (t >= f) { printf "%.2f", t - e; exit } }' "$H_DIR/ping.log")
+        reply=$(awk -v s="$t_start" -v e="$t_end" '/bytes from/ && match($0, /time=[0-9.]+/) {
+                    t = substr($1, 2) + 0; sent = t - substr($0, RSTART + 5, RLENGTH - 5) / 1000
+                    if (t >= e && sent >= s) { printf "%.2f", t - e; exit } }' "$H_DIR/ping.log")
         [ -n "$reply" ] && break
         sleep 0.1
     done

@@ -16,10 +16,11 @@
 #   --flood  seconds of the random-byte flood and of each flood ping (default 60)
 #   --quick  the same faults with 10-second floods, about 6 minutes in all
 #   --only   run only these faults (names as in the table's first column)
+#   --keep   copy the ping log, the daemons' and the line's output into this directory at the end
 # Runs itself through testbed/nsrun, so everything it makes vanishes with its namespaces.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
-build=$here/build/default flood=60 only=""
+build=$here/build/default flood=60 only="" keep=""
 args=("$@")
 while [ $# -gt 0 ]; do
     case $1 in
@@ -27,7 +28,9 @@ while [ $# -gt 0 ]; do
         --flood) flood=$2; shift ;;
         --quick) flood=10 ;;
         --only) only=$2; shift ;;
-        *) echo "usage: $0 [--build DIR] [--flood S] [--quick] [--only NAME,...]" >&2; exit 2 ;;
+        --keep) keep=$2; shift ;;
+        *) echo "usage: $0 [--build DIR] [--flood S] [--quick] [--only NAME,...] [--keep DIR]" >&2
+           exit 2 ;;
     esac
     shift
 done
@@ -50,6 +53,7 @@ bg_pids=()
 bench_teardown() {
     local p
     for p in "${bg_pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    [ -z "$keep" ] || { mkdir -p "$keep" && cp "$H_DIR"/*.log "$H_DIR"/*.out "$H_DIR"/line.err "$keep"/; }
     h_teardown
 }
 trap bench_teardown EXIT

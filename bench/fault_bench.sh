@@ -14,7 +14,7 @@
 # Usage (as root, from a build tree):
 #   bench/fault_bench.sh [--build DIR] [--flood S] [--quick] [--only NAME,...]
 #   --flood  seconds of the random-byte flood and of each flood ping (default 60)
-#   --quick  the same faults with 10-second floods, about 6 minutes in all
+#   --quick  the same faults with 10-second floods: about 5 minutes instead of 8
 #   --only   run only these faults (names as in the table's first column)
 #   --keep   copy the ping log, the daemons' and the line's output into this directory at the end
 # Runs itself through testbed/nsrun, so everything it makes vanishes with its namespaces.
@@ -97,8 +97,7 @@ s80() {
 }
 # Waits until the side runs a daemon with uart2eth0 up and its address; sets H_DPID.
 wait_side() {
-    local i
-    for i in $(seq 300); do
+    for _ in $(seq 300); do
         if h_find_daemon "$1" &&
             h_exec "$1" ip -4 -o addr show dev uart2eth0 2>/dev/null | grep -q inet; then
             return 0
@@ -332,7 +331,7 @@ for fault in "${faults[@]}"; do
     spid=$!
     sleep 2
     cpu_b_override=""
-    t0=$(now) ca0=$(cpu_ns "$pa") cb0=$(cpu_ns "$pb")
+    ca0=$(cpu_ns "$pa") cb0=$(cpu_ns "$pb")
     track_cpu "$pa" "$H_DIR/cpu.a" &
     ta=$!
     track_cpu "$pb" "$H_DIR/cpu.b" &

@@ -6,7 +6,8 @@
 # Functions (state lives in $H_DIR, removed by h_teardown, which h_init arms on EXIT):
 #   h_init                          make the state directory, arm the teardown
 #   h_line_start [line_emu args]    start testbed/line_emu; sets H_PTY_A, H_PTY_B (slave paths)
-#   h_line_cmd "COMMAND"            send a command to the emulator (ber/drop/garbage/clear/stats)
+#   h_line_cmd "COMMAND"            send a command to the emulator (ber, drop, garbage, inject,
+#                                   flood, cut, mend, hangup, clear, stats: see line_emu.cpp)
 #   h_daemon_start NAME [--pty PATH] [--no-serial] [--no-tun] [--boot-script]
 #                                   start a daemon in new net, mount, IPC and PID namespaces; in
 #                                   its mount namespace /dev is a tmpfs holding only null, zero,
@@ -17,8 +18,8 @@
 #                                   (packaging/init.d/S80serialtoeth.in start) with its watcher
 #                                   (packaging/serialtoeth-watch) in force; its pid file is
 #                                   $H_DIR/NAME.pid, as the namespace sees it, and /sys is that
-#                                   network namespace's. The boot script may restart the daemon:
-#   h_find_daemon NAME              finds the daemon's pid again (after a restart); fails if none
+#                                   network namespace's.
+#   h_find_daemon NAME              find the daemon's pid again, after a restart; fails if none
 #   h_exec NAME CMD...              run a command in the daemon's net, mount, IPC and PID namespaces
 #   h_addr NAME CIDR                give uart2eth0 of that daemon an IPv4 address
 #   h_pid NAME / h_alive NAME       the daemon's pid as seen here / whether it still runs

@@ -40,6 +40,7 @@ install(CODE "
         set(S2E_DAEMON_PATH \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/SerialToEth\")
     endif()
     set(S2E_SHAPE_PATH \"\${CMAKE_INSTALL_PREFIX}/lib/serialtoeth/serialtoeth-shape\")
+    set(S2E_WATCH_PATH \"\${CMAKE_INSTALL_PREFIX}/lib/serialtoeth/serialtoeth-watch\")
     configure_file(\"${_s2e_pkg_src}/init.d/S80serialtoeth.in\" \"${_s2e_pkg_gen}/S80serialtoeth\" @ONLY)
     configure_file(\"${_s2e_pkg_src}/debian/serialtoeth.init.in\" \"${_s2e_pkg_gen}/serialtoeth\" @ONLY)
     configure_file(\"${_s2e_pkg_src}/systemd/serialtoeth.service.in\"
@@ -48,6 +49,8 @@ install(CODE "
 install(FILES ${_s2e_pkg_gen}/serialtoeth.service DESTINATION ${S2E_INSTALL_UNITDIR})
 # The egress shaping the scripts and the unit run after starting the daemon; no user's command.
 install(PROGRAMS ${_s2e_pkg_src}/serialtoeth-shape DESTINATION lib/serialtoeth)
+# Restarts the daemon when its interface or UART is lost under it; run by the scripts and the unit.
+install(PROGRAMS ${_s2e_pkg_src}/serialtoeth-watch DESTINATION lib/serialtoeth)
 install(PROGRAMS ${_s2e_pkg_gen}/S80serialtoeth DESTINATION ${S2E_INSTALL_INITDIR} COMPONENT board)
 
 # The Debian package's own files. The package is native (built from this tree, no separate

@@ -6,13 +6,20 @@
 # Functions (state lives in $H_DIR, removed by h_teardown, which h_init arms on EXIT):
 #   h_init                          make the state directory, arm the teardown
 #   h_line_start [line_emu args]    start testbed/line_emu; sets H_PTY_A, H_PTY_B (slave paths)
-#   h_line_cmd "COMMAND"            send a command to the emulator (ber/drop/garbage/clear/stats)
-#   h_daemon_start NAME [--pty PATH] [--no-serial] [--no-tun]
+#   h_line_cmd "COMMAND"            send a command to the emulator (ber, drop, garbage, inject,
+#                                   flood, cut, mend, hangup, clear, stats: see line_emu.cpp)
+#   h_daemon_start NAME [--pty PATH] [--no-serial] [--no-tun] [--boot-script]
 #                                   start a daemon in new net, mount, IPC and PID namespaces; in
 #                                   its mount namespace /dev is a tmpfs holding only null, zero,
 #                                   random, urandom, tty, ptmx, pts, net/tun (unless --no-tun) and
 #                                   zynq_uart0 -> PATH (unless --no-serial); IPv6 is off there.
 #                                   Returns once the daemon has started its dispatcher thread.
+#                                   --boot-script: started as on the board, by the boot script
+#                                   (packaging/init.d/S80serialtoeth.in start) with its watcher
+#                                   (packaging/serialtoeth-watch) in force; its pid file is
+#                                   $H_DIR/NAME.pid, as the namespace sees it, and /sys is that
+#                                   network namespace's.
+#   h_find_daemon NAME              find the daemon's pid again, after a restart; fails if none
 #   h_exec NAME CMD...              run a command in the daemon's net, mount, IPC and PID namespaces
 #   h_addr NAME CIDR                give uart2eth0 of that daemon an IPv4 address
 #   h_pid NAME / h_alive NAME       the daemon's pid as seen here / whether it still runs
@@ -80,8 +87,8 @@ h_line_cmd() { echo "$1" >"$H_DIR/line.ctl"; }
 # Runs inside the new namespaces: builds the private /dev, switches IPv6 off, starts the daemon
 # as a child (not PID 1, so default signal actions apply) and waits for it.
 h_inner() {
-    local pty=$1 tun=$2 stage=$3
-    shift 3
+    local pty=$1 tun=$2 stage=$3 boot=$4 out=$5
+    shift 5
     set -e
     mount -t tmpfs -o mode=0755,size=1m s2e-dev "$stage"
     local n
@@ -106,33 +113,52 @@ h_inner() {
     fi
     set +e
     cd /root 2>/dev/null || cd /
+    if [ -n "$boot" ]; then
+        mount -t sysfs s2e-sys /sys
+        S2E_DAEMON_BIN=$S2E_DAEMON S2E_PIDFILE=$boot.pid S2E_LOGFILE=$out \
+            S2E_WATCH_BIN=$S2E_SOURCE_DIR/packaging/serialtoeth-watch \
+            "$boot.S80serialtoeth" start
+        # This shell is the namespace's first process: it stays, and reaps what the script leaves.
+        while :; do sleep 3600; done
+    fi
     "${H_RUN[@]}" "$S2E_DAEMON" "$@" &
     wait $!
 }
 
 h_daemon_start() {
-    local name=$1 pty="" tun=1
+    local name=$1 pty="" tun=1 boot=""
     shift
     while [ $# -gt 0 ]; do
         case $1 in
             --pty) pty=$2; shift ;;
             --no-serial) pty="" ;;
             --no-tun) tun=0 ;;
+            --boot-script)
+                [ -z "$S2E_EMULATOR" ] || h_die "--boot-script runs the build machine's daemon only"
+                boot=$H_DIR/$name
+                # An executable copy: the watcher restarts the daemon through the script's path.
+                install -m 0755 "$S2E_SOURCE_DIR/packaging/init.d/S80serialtoeth.in" \
+                    "$boot.S80serialtoeth" ;;
             *) h_die "unknown option $1" ;;
         esac
         shift
     done
     local stage="$H_DIR/dev-$name" out="$H_DIR/$name.out"
     mkdir -p "$stage"
+    : >"$out"  # appended to from here on, as the boot script appends to its log
     unshare --net --mount --ipc --pid --fork --kill-child --mount-proc --propagation private \
         bash -c "$(declare -f h_inner); H_RUN=(${H_RUN[*]}); S2E_TESTBED_DIR='$S2E_TESTBED_DIR';
-                 S2E_DAEMON='$S2E_DAEMON'; h_inner '$pty' $tun '$stage'" >"$out" 2>&1 &
+                 S2E_DAEMON='$S2E_DAEMON'; S2E_SOURCE_DIR='${S2E_SOURCE_DIR:-}';
+                 h_inner '$pty' $tun '$stage' '$boot' '$out'" >>"$out" 2>&1 &
     H_OUTER[$name]=$!
     local i shell="" daemon=""
     for i in $(seq 300); do
         shell=$(cat "/proc/${H_OUTER[$name]}/task/${H_OUTER[$name]}/children" 2>/dev/null || true)
         shell=${shell%% *}
-        if [ -n "$shell" ]; then
+        if [ -n "$shell" ] && [ -n "$boot" ]; then
+            H_SHELL[$name]=$shell
+            h_find_daemon "$name" && daemon=${H_DPID[$name]}
+        elif [ -n "$shell" ]; then
             daemon=$(cat "/proc/$shell/task/$shell/children" 2>/dev/null || true)
             daemon=${daemon%% *}
         fi
@@ -148,6 +174,18 @@ h_daemon_start() {
         { cat "$out" >&2; h_die "daemon $name did not start"; }
 }
 
+# The daemon is the namespace's first process's child, or its orphan when a script started it.
+h_find_daemon() {
+    local p
+    for p in $(cat "/proc/${H_SHELL[$1]}/task/${H_SHELL[$1]}/children" 2>/dev/null); do
+        if [ "$(cat "/proc/$p/comm" 2>/dev/null)" = SerialToEth ] &&
+            ! grep -q '^State:[[:space:]]*Z' "/proc/$p/status" 2>/dev/null; then
+            H_DPID[$1]=$p
+            return 0
+        fi
+    done
+    return 1
+}
 h_pid() { echo "${H_DPID[$1]}"; }
 h_out() { echo "$H_DIR/$1.out"; }
 h_alive() { [ -n "${H_DPID[$1]}" ] && kill -0 "${H_DPID[$1]}" 2>/dev/null; }
@@ -155,7 +193,8 @@ h_exec() {
     local name=$1
     shift
     # The PID namespace too, so that /proc (the daemon's own mount) shows the command itself.
-    nsenter -t "${H_DPID[$name]}" --net --mount --ipc --pid -- "$@"
+    # Entered through the namespace's first process, which outlives a restarted daemon.
+    nsenter -t "${H_SHELL[$name]:-${H_DPID[$name]}}" --net --mount --ipc --pid -- "$@"
 }
 h_addr() { h_exec "$1" ip addr add "$2" dev uart2eth0; }
 

@@ -10,6 +10,16 @@
 //                     ber <P> [ab|ba]     probability that a bit on the line flips (0 = clean)
 //                     drop <P> [ab|ba]    probability that a byte is lost
 //                     garbage <N> [ab|ba] queue a burst of N random bytes on the line
+//                     inject <FILE> [ab|ba] queue the bytes of FILE on the line (crafted frames)
+//                     flood <S> [ab|ba]   for S seconds (0 ends it) the line carries random bytes
+//                                         at its full rate, whatever the sender sends, as from a
+//                                         far end at the wrong speed; the sender's bytes are lost
+//                     cut [ab|ba]         the line is cut: every byte sent is lost until
+//                     mend [ab|ba]        joins it again
+//                     hangup <a|b>        that side's terminal goes away, as a UART unplugged:
+//                                         its daemon's reads and writes fail from now on; a new
+//                                         terminal takes its place on the line (the --info file
+//                                         is written again with its path)
 //                     clear               no more bit errors or drops
 //                     stats               print the counters on standard error
 //                   "ab" is the direction from side a to side b; without it a command acts on both.
@@ -54,6 +64,7 @@
 namespace {
 
 volatile sig_atomic_t stopRequested = 0;
+int hangupSide = -1;  // set by the "hangup" command, carried out by the relay loop
 void onStop(int) {
     stopRequested = 1;
 }
@@ -87,11 +98,15 @@ struct Direction {
     size_t capacity = 0, head = 0, count = 0;
     int64_t nextDone = 0;  // when the byte at the head has its last bit on the line
     double ber = 0, drop = 0;
+    bool cut = false;
+    int64_t floodUntil = 0;  // the line carries only noise while its bytes end before this
+    std::string inject;      // crafted bytes waiting for room in the queue
     // Bytes off the line, waiting in the receiving UART's FIFO for its trigger level or time-out.
     uint8_t fifo[4096];
     size_t pending = 0;
     int64_t lastDone = 0;  // when the newest byte in the FIFO had its last bit on the line
-    uint64_t carried = 0, flipped = 0, dropped = 0, garbage = 0, overrun = 0;
+    uint64_t carried = 0, flipped = 0, dropped = 0, garbage = 0, overrun = 0, lostToCut = 0,
+             flooded = 0;
     LineTap* tap = nullptr;  // sees what the receiving side gets, when capturing
 
     size_t room() const { return capacity - count; }
@@ -136,6 +151,14 @@ void deliver(Direction& d, int64_t now, int64_t byteNs, size_t trigger, int64_t 
             d.lastDone = d.nextDone;
             d.nextDone += byteNs;
             ++d.carried;
+            if (d.cut) {
+                ++d.lostToCut;
+                continue;
+            }
+            if (d.lastDone < d.floodUntil) {
+                b = static_cast<uint8_t>(nextRandom() >> 56);
+                ++d.flooded;
+            }
             applyFaults(d, &b, n);
             if (n == 1) d.fifo[d.pending++] = b;
         }
@@ -159,11 +182,12 @@ void printStats(const Direction* dirs) {
         fprintf(
             stderr,
             "line_emu %s: carried %llu flipped-bits %llu dropped %llu garbage %llu overrun %llu "
-            "queued %zu\n",
+            "queued %zu cut %llu flooded %llu\n",
             d.name, static_cast<unsigned long long>(d.carried),
             static_cast<unsigned long long>(d.flipped), static_cast<unsigned long long>(d.dropped),
             static_cast<unsigned long long>(d.garbage), static_cast<unsigned long long>(d.overrun),
-            d.count);
+            d.count, static_cast<unsigned long long>(d.lostToCut),
+            static_cast<unsigned long long>(d.flooded));
     }
 }
 
@@ -195,9 +219,49 @@ void handleCommand(char* line, Direction* dirs, int64_t now, int64_t byteNs) {
                 ++d.garbage;
             }
         }
+    } else if (v == "hangup" && fields >= 2 && (arg[0] == 'a' || arg[0] == 'b') && arg[1] == 0) {
+        hangupSide = arg[0] == 'a' ? 0 : 1;
+    } else if (v == "cut" || v == "mend") {
+        for (int i = 0; i < 2; ++i) {
+            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
+            dirs[i].cut = v == "cut";
+        }
+    } else if (v == "flood" && fields >= 2) {
+        const double seconds = atof(arg);
+        for (int i = 0; i < 2; ++i) {
+            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
+            dirs[i].floodUntil = now + static_cast<int64_t>(seconds * 1e9);
+        }
+    } else if (v == "inject" && fields >= 2) {
+        FILE* f = fopen(arg, "rb");
+        if (f == nullptr) {
+            perror("line_emu: inject");
+            return;
+        }
+        std::string bytes;
+        char chunk[4096];
+        size_t n;
+        while ((n = fread(chunk, 1, sizeof chunk, f)) > 0) bytes.append(chunk, n);
+        fclose(f);
+        for (int i = 0; i < 2; ++i) {
+            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
+            dirs[i].inject += bytes;
+        }
     } else {
         fprintf(stderr, "line_emu: unknown command: %s\n", line);
     }
+}
+
+bool writeInfo(const char* infoPath, const std::string& pathA, const std::string& pathB) {
+    std::string tmp = std::string(infoPath) + ".tmp";
+    FILE* f = fopen(tmp.c_str(), "w");
+    if (!f) {
+        perror("line_emu: info");
+        return false;
+    }
+    fprintf(f, "a %s\nb %s\n", pathA.c_str(), pathB.c_str());
+    fclose(f);
+    return rename(tmp.c_str(), infoPath) == 0;
 }
 
 int openSide(std::string& slavePath, int& slaveFd) {
@@ -349,15 +413,7 @@ int main(int argc, char** argv) {
     }
 
     if (infoPath) {
-        std::string tmp = std::string(infoPath) + ".tmp";
-        FILE* f = fopen(tmp.c_str(), "w");
-        if (!f) {
-            perror("line_emu: info");
-            return 1;
-        }
-        fprintf(f, "a %s\nb %s\n", pathA.c_str(), pathB.c_str());
-        fclose(f);
-        rename(tmp.c_str(), infoPath);
+        if (!writeInfo(infoPath, pathA, pathB)) return 1;
     } else {
         printf("a %s\nb %s\n", pathA.c_str(), pathB.c_str());
         fflush(stdout);
@@ -366,8 +422,34 @@ int main(int argc, char** argv) {
     std::string controlLine;
     uint8_t buf[4096];
     while (!stopRequested) {
+        if (hangupSide >= 0) {
+            // Both ends of the old terminal close, so the daemon that holds its slave sees a hung
+            // up line; the relay goes on with a new terminal on that side.
+            int& master = hangupSide == 0 ? masterA : masterB;
+            int& slave = hangupSide == 0 ? slaveA : slaveB;
+            std::string& path = hangupSide == 0 ? pathA : pathB;
+            close(master);
+            close(slave);
+            master = openSide(path, slave);
+            dirs[hangupSide].from = master;
+            dirs[1 - hangupSide].to = master;
+            if (infoPath) writeInfo(infoPath, pathA, pathB);
+            hangupSide = -1;
+        }
         int64_t now = nowNs();
         for (Direction& d : dirs) {
+            // Crafted bytes go on as the queue frees; a flood keeps the line busy with filler
+            // (replaced by noise on delivery like the sender's own bytes).
+            if (!d.inject.empty() && d.room() > 0) {
+                const size_t n = d.inject.size() < d.room() ? d.inject.size() : d.room();
+                d.push(reinterpret_cast<const uint8_t*>(d.inject.data()), n, now, byteNs);
+                d.inject.erase(0, n);
+            }
+            if (now < d.floodUntil && d.count < 64) {
+                uint8_t filler[64] = {};
+                const size_t n = 64 - d.count < d.room() ? 64 - d.count : d.room();
+                d.push(filler, n, now, byteNs);
+            }
             if (d.count > 0 && d.nextDone <= now) lastDeliveryNs = now;
             deliver(d, now, byteNs, trigger, quietNs);
         }

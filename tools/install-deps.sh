@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests, the package checks (lintian, man-db, systemd,
-# systemd-nspawn), the line captures (tshark) and the demonstration need, skipping those already
-# present. Usage: tools/install-deps.sh [--cross]   (--cross adds the AArch64 tool chain, qemu-user
-# to run its tests, busybox, whose shell the boot script is checked with, and for the emulated
+# systemd-nspawn), the line captures (tshark), the soak's plot (gnuplot) and the demonstration
+# need, skipping those already present.
+# Usage: tools/install-deps.sh [--cross]   (--cross adds the AArch64 tool chain, qemu-user to run its
+# tests, busybox, whose shell the boot script is checked with, and for the emulated
 # board qemu-system-arm, cpio and dpkg's arm64 architecture, from which testbed/board/image.sh
 # downloads the board's kernel and busybox)
 set -euo pipefail
@@ -11,7 +12,7 @@ as_root=()
 update=0
 packages=(cmake ninja-build g++ make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev net-tools psmisc iproute2 util-linux procps iputils-ping
-          python3 clang-format lintian man-db systemd systemd-container tshark)
+          python3 clang-format lintian man-db systemd systemd-container tshark gnuplot-nox)
 if [ "${1:-}" = "--cross" ]; then
     packages+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user busybox qemu-system-arm
                cpio)

@@ -8,7 +8,7 @@ build=$S2E_BINARY_DIR
 elf_machine() { od -An -tu2 -j18 -N2 "$1" | tr -d ' '; }  # bytes 18-19 of the ELF header
 want_machine=$(elf_machine "$build/app/SerialToEth")
 [ "$want_machine" = "$([ -n "${S2E_EMULATOR:-}" ] && echo 183 || elf_machine /bin/sh)" ] || fail "daemon's architecture"
-files=$'etc/init.d/S80serialtoeth\nPREFIX/bin/serialtoeth-capture\nPREFIX/lib/serialtoeth/serialtoeth-shape\nPREFIX/lib/systemd/system/serialtoeth.service'
+files=$'etc/init.d/S80serialtoeth\nPREFIX/bin/serialtoeth-capture\nPREFIX/lib/serialtoeth/serialtoeth-shape\nPREFIX/lib/serialtoeth/serialtoeth-watch\nPREFIX/lib/systemd/system/serialtoeth.service'
 files+=$'\nPREFIX/sbin/SerialToEth\nPREFIX/share/man/man1/serialtoeth-capture.1.gz\nPREFIX/share/man/man8/SerialToEth.8.gz'
 for prefix in /usr /opt/s2e; do
     root=$work/root$prefix

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The package under a real systemd (testbed/sdrun), the unit's hardening in force: the daemon frees a
 # busy interface ("killall udhcpc"), writes the status record, carries frames both ways over a pty,
-# uart2eth0's egress shaped by the unit and again by the init script; the purge.
+# uart2eth0's egress shaped by the unit, the unit's restart of a daemon whose uart2eth0 is deleted;
+# the init script shapes it too; the purge.
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
 [ -z "${S2E_EMULATOR:-}" ] || { echo "skipped: the container can only run the build machine's package"; exit 0; }
 ! grep -q '^S2E_SANITIZE:STRING=.' "$S2E_BINARY_DIR/CMakeCache.txt" || { echo "skipped: a sanitizer build is not shipped"; exit 0; }
@@ -37,6 +38,7 @@ time.sleep(60)' &
     rx=$(cat /sys/class/net/uart2eth0/statistics/rx_packets)
     { printf '\x7e\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\x02\0\0\0\0\x02\x88\xb5'; head -c 50 /dev/zero; printf '\x7e'; } >"$b"
     wait_until 20 eval "[ \$(cat /sys/class/net/uart2eth0/statistics/rx_packets) -gt $rx ]" || fail "frame from the line not received"
+    ip link delete uart2eth0 && wait_until 20 eval '[ "$(systemctl show -P MainPID serialtoeth)" != "$pid" ] && [ -e /sys/class/net/uart2eth0 ]' || fail "uart2eth0 not restored"
     systemctl stop serialtoeth && export SYSTEMCTL_SKIP_REDIRECT=1 # the init script itself, not systemctl
     for action in start force-reload; do /etc/init.d/serialtoeth $action >/dev/null || fail "init script $action"; done
     tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root' || fail "init script: uart2eth0 not shaped"

@@ -99,7 +99,7 @@ s80() {
 wait_side() {
     for _ in $(seq 300); do
         if h_find_daemon "$1" &&
-            h_exec "$1" ip -4 -o addr show dev uart2eth0 2>/dev/null | grep -q inet; then
+            h_exec "$1" ip -4 -o addr show dev uart2eth0 2>/dev/null | grep inet >/dev/null; then
             return 0
         fi
         sleep 0.1
@@ -113,7 +113,7 @@ h_daemon_start b --pty "$H_PTY_B" --boot-script
 for side in a b; do
     [ $side = a ] && addr=10.99.0.1/24 mac=02:53:32:45:00:01 || addr=10.99.0.2/24 mac=02:53:32:45:00:02
     h_exec $side sh -c "while :; do
-        if [ -e /sys/class/net/uart2eth0 ] && ! ip -4 -o addr show dev uart2eth0 | grep -q inet; then
+        if [ -e /sys/class/net/uart2eth0 ] && ! ip -4 -o addr show dev uart2eth0 | grep inet >/dev/null; then
             ip link set dev uart2eth0 address $mac && ip addr add $addr dev uart2eth0
         fi
         sleep 0.1

@@ -26,7 +26,7 @@ time.sleep(60)' &
     wait_until 20 eval '! kill -0 $holder 2>/dev/null' || fail "killall udhcpc did not end the client"
     wait_until 20 eval '[ "$("$bed/supervisor_emu" status | cut -d" " -f1-3)" = "pid=$(systemctl show -P MainPID serialtoeth) state=0 monitorUp=1" ]' || fail "status record"
     pid=$(systemctl show -P MainPID serialtoeth)
-    wait_until 20 eval "tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root'" || fail "unit: uart2eth0 not shaped"
+    wait_until 20 eval "tc qdisc show dev uart2eth0 | grep -E '^qdisc (cake|htb|tbf) [0-9a-f]+: root' >/dev/null" || fail "unit: uart2eth0 not shaped"
     [ "$(grep -E '^(CapEff|NoNewPrivs|Seccomp):' "/proc/$pid/status" | tr -d '\t\n')" = "CapEff:0000000000801000NoNewPrivs:1Seccomp:2" ] ||
         fail "restrictions not in force: $(grep -E '^(Cap|NoNew|Secc)' "/proc/$pid/status")"
     nsenter -t "$pid" -m sh -c '! touch /usr/probe 2>/dev/null && touch /root/probe' || fail "file system not read-only but /root"
@@ -41,7 +41,7 @@ time.sleep(60)' &
     ip link delete uart2eth0 && wait_until 20 eval '[ "$(systemctl show -P MainPID serialtoeth)" != "$pid" ] && [ -e /sys/class/net/uart2eth0 ]' || fail "uart2eth0 not restored"
     systemctl stop serialtoeth && export SYSTEMCTL_SKIP_REDIRECT=1 # the init script itself, not systemctl
     for action in start force-reload; do /etc/init.d/serialtoeth $action >/dev/null || fail "init script $action"; done
-    tc qdisc show dev uart2eth0 | grep -Eq '^qdisc (cake|htb|tbf) [0-9a-f]+: root' || fail "init script: uart2eth0 not shaped"
+    tc qdisc show dev uart2eth0 | grep -E '^qdisc (cake|htb|tbf) [0-9a-f]+: root' >/dev/null || fail "init script: uart2eth0 not shaped"
     /etc/init.d/serialtoeth stop >/dev/null && [ "$(/etc/init.d/serialtoeth status >/dev/null; echo $?)" = 3 ] || fail "init script stop: status not 3"
     dpkg --purge serialtoeth >/dev/null && [ ! -e /etc/rc2.d/K01serialtoeth ] || fail "init script registered after purge"
     echo "PASS"

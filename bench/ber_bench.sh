@@ -33,15 +33,7 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-if [ "${S2E_IN_NS:-}" != 1 ]; then
-    exec "$here/testbed/nsrun" "$0" "${args[@]}"
-fi
-build=$(cd "$build" && pwd)
-export S2E_DAEMON=${S2E_DAEMON:-$build/app/SerialToEth}
-export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
-export S2E_SOURCE_DIR=$here
-source "$here/testbed/e2e-harness.sh"
-h_init
+source "$here/bench/bench-common.sh"
 
 bytes=$(awk -v m="$mb" 'BEGIN{printf "%.0f", m*1e6}')
 # Room for the retransmissions that a noisy line costs: five times the bare line time, plus set-up.

@@ -14,26 +14,10 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$here/build/default}" && pwd)
 bytes=${2:-1000000}
-if [ "${S2E_IN_NS:-}" != 1 ]; then
-    exec "$here/testbed/nsrun" "$0" "$build" "$bytes"
-fi
-export S2E_DAEMON=${S2E_DAEMON:-$build/app/SerialToEth}
-export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
-export S2E_SOURCE_DIR=$here
-source "$here/testbed/e2e-harness.sh"
-h_init
+args=("$build" "$bytes")
+source "$here/bench/bench-common.sh"
 
 line_rate=57600
-# Nanoseconds on a CPU, all threads of a process.
-cpu_ns() {
-    local pid=$1 t sum=0 v
-    for t in /proc/"$pid"/task/*/schedstat; do
-        read -r v _ <"$t" || continue
-        sum=$((sum + v))
-    done
-    echo "$sum"
-}
-now_ns() { date +%s%N; }
 # Times a process's threads were switched out, all threads: each sleep of a reader or the
 # dispatcher ends in one, so the difference over an interval counts their wake-ups.
 switches() {

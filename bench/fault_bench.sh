@@ -34,15 +34,7 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-if [ "${S2E_IN_NS:-}" != 1 ]; then
-    exec "$here/testbed/nsrun" "$0" "${args[@]}"
-fi
-build=$(cd "$build" && pwd)
-export S2E_DAEMON=${S2E_DAEMON:-$build/app/SerialToEth}
-export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
-export S2E_SOURCE_DIR=$here
-source "$here/testbed/e2e-harness.sh"
-h_init
+source "$here/bench/bench-common.sh"
 # The daemon's output to a file is block-buffered: line-buffered here, so that each row gets the
 # lines printed during it. The wrapper bears the daemon's name, which the boot script checks.
 mkdir "$H_DIR/bin"
@@ -61,14 +53,6 @@ trap bench_teardown EXIT
 line_rate=57600
 transfer_bytes=500000
 now() { date +%s.%N; }
-cpu_ns() {
-    local pid=$1 t sum=0 v
-    for t in /proc/"$pid"/task/*/schedstat; do
-        read -r v _ <"$t" 2>/dev/null || continue
-        sum=$((sum + v))
-    done
-    echo "$sum"
-}
 # Samples a process's CPU time until it ends, so that a daemon restarted during a fault still
 # counts with what it used: "<cpu ns> <time>" in the file.
 track_cpu() {
@@ -81,8 +65,6 @@ track_cpu() {
         sleep 0.2
     done
 }
-rss_kb() { awk '/^VmRSS:/{print $2}' "/proc/$1/status" 2>/dev/null || echo "?"; }
-nfds() { find "/proc/$1/fd" -mindepth 1 -maxdepth 1 2>/dev/null | wc -l; }
 # Seconds from the fault's start (its /proc/uptime in up0) to the start of process $1.
 clk_tck=$(getconf CLK_TCK)
 started_after() {

@@ -30,30 +30,10 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-if [ "${S2E_IN_NS:-}" != 1 ]; then
-    exec "$here/testbed/nsrun" "$0" "${args[@]}"
-fi
-build=$(cd "$build" && pwd)
+source "$here/bench/bench-common.sh"
 out=${out:-$build/soak}
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
-export S2E_DAEMON=${S2E_DAEMON:-$build/app/SerialToEth}
-export S2E_TESTBED_DIR=${S2E_TESTBED_DIR:-$build/testbed}
-export S2E_SOURCE_DIR=$here
-source "$here/testbed/e2e-harness.sh"
-h_init
-
-cpu_ns() {
-    local pid=$1 t sum=0 v
-    for t in /proc/"$pid"/task/*/schedstat; do
-        read -r v _ <"$t" || continue
-        sum=$((sum + v))
-    done
-    echo "$sum"
-}
-rss_kb() { awk '/^VmRSS:/{print $2}' "/proc/$1/status"; }
-fds() { find "/proc/$1/fd" -mindepth 1 -maxdepth 1 | wc -l; }
-now_ns() { date +%s%N; }
 
 # The board's UART driver (interrupt at 56 bytes in the receive FIFO or after 40 bit times of
 # quiet). The line starts clean so that address resolution does not have to fight the noise.
@@ -108,8 +88,8 @@ sample_row() {
     t=$(now_ns) a=$(cpu_ns "$pa") b=$(cpu_ns "$pb")
     ok=$(grep -c '^ok' "$H_DIR/transfers.log" 2>/dev/null || true)
     bad=$(grep -vc '^ok' "$H_DIR/transfers.log" 2>/dev/null || true)
-    awk -v m="$m" -v ra="$(rss_kb "$pa")" -v fa="$(fds "$pa")" -v rb="$(rss_kb "$pb")" \
-        -v fb="$(fds "$pb")" -v da=$((a - last_a)) -v db=$((b - last_b)) -v dt=$((t - last_t)) \
+    awk -v m="$m" -v ra="$(rss_kb "$pa")" -v fa="$(nfds "$pa")" -v rb="$(rss_kb "$pb")" \
+        -v fb="$(nfds "$pb")" -v da=$((a - last_a)) -v db=$((b - last_b)) -v dt=$((t - last_t)) \
         -v ok="${ok:-0}" -v bad="${bad:-0}" \
         'BEGIN{printf "%.2f,%d,%d,%.3f,%d,%d,%.3f,%d,%d\n", m, ra, fa, 100*da/dt, rb, fb,
                100*db/dt, ok, bad}' >>"$csv"

@@ -56,11 +56,13 @@ now() { date +%s.%N; }
 # Samples a process's CPU time until it ends, so that a daemon restarted during a fault still
 # counts with what it used: "<cpu ns> <time>" in the file.
 track_cpu() {
-    local pid=$1 file=$2 v
+    local pid=$1 file=$2 v last=0
     while [ -d "/proc/$pid" ]; do
         v=$(cpu_ns "$pid")
-        # An ended process, not yet reaped, shows no threads: its last figure stands.
-        [ "$v" -gt 0 ] || break
+        # A process that is ending loses its threads one by one, and one not yet reaped shows
+        # none: a sum that fell is no figure, and the last one stands.
+        [ "$v" -ge "$last" ] && [ "$v" -gt 0 ] || break
+        last=$v
         echo "$v $(now)" >"$file.tmp" && mv "$file.tmp" "$file"
         sleep 0.2
     done

@@ -37,8 +37,7 @@ ip link show uart2eth0 | grep "[<,]UP[,>]" >/dev/null || fail "interface not up"
 # whose "killall udhcpc" (a stand-in) ends the running daemon, takes the interface at its retry.
 timeout 30 "${H_RUN[@]}" "$S2E_DAEMON" >"$H_DIR/busy.out" 2>&1 || fail "busy exit status $?"
 begins "$H_DIR/busy.out" $'SerialToEth::run!\n' && tail -n 1 "$H_DIR/busy.out" | begins - $'TUNSETIFF: Device or resource busy\n' || fail "busy: texts"
-# (It waits for the interface to go, not for the descriptors: a killed leader thread shows none
-# while its other threads still hold the interface.)
+# (Waiting for the interface, not the descriptors: a killed leader shows none while threads hold it.)
 mkdir "$H_DIR/bin" && printf '#!/bin/sh\n[ "$*" = udhcpc ] && kill -KILL %s && while ip link show uart2eth0 >/dev/null 2>&1; do sleep 0.01; done\n' "$pid" >"$H_DIR/bin/killall"
 chmod +x "$H_DIR/bin/killall" && PATH=$H_DIR/bin:$PATH start_daemon
 # Each trapped signal: banner and text, exit status 0, one report to the supervisor's queue.

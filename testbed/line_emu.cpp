@@ -195,43 +195,39 @@ void handleCommand(char* line, Direction* dirs, int64_t now, int64_t byteNs) {
     char verb[16] = {}, arg[64] = {}, which[8] = {};
     int fields = sscanf(line, "%15s %63s %7s", verb, arg, which);
     if (fields < 1) return;
-    bool ab = fields < 3 || strcmp(which, "ab") == 0;
-    bool ba = fields < 3 || strcmp(which, "ba") == 0;
     std::string v = verb;
+    // The direction is the last word: after the argument, or in its place for a verb without one.
+    const bool bare = v == "cut" || v == "mend";
+    const char* dir = bare ? (fields >= 2 ? arg : "") : (fields >= 3 ? which : "");
+    const bool ab = dir[0] == 0 || strcmp(dir, "ab") == 0;
+    const bool ba = dir[0] == 0 || strcmp(dir, "ba") == 0;
+    auto each = [&](auto apply) {
+        if (ab) apply(dirs[0]);
+        if (ba) apply(dirs[1]);
+    };
     if (v == "clear") {
         for (int i = 0; i < 2; ++i) dirs[i].ber = dirs[i].drop = 0;
     } else if (v == "stats") {
         printStats(dirs);
     } else if ((v == "ber" || v == "drop") && fields >= 2) {
         double p = atof(arg);
-        for (int i = 0; i < 2; ++i) {
-            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
-            (v == "ber" ? dirs[i].ber : dirs[i].drop) = p;
-        }
+        each([&](Direction& d) { (v == "ber" ? d.ber : d.drop) = p; });
     } else if (v == "garbage" && fields >= 2) {
         long n = atol(arg);
-        for (int i = 0; i < 2; ++i) {
-            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
-            Direction& d = dirs[i];
+        each([&](Direction& d) {
             for (long k = 0; k < n && d.room() > 0; ++k) {
                 uint8_t b = static_cast<uint8_t>(nextRandom() >> 56);
                 d.push(&b, 1, now, byteNs);
                 ++d.garbage;
             }
-        }
+        });
     } else if (v == "hangup" && fields >= 2 && (arg[0] == 'a' || arg[0] == 'b') && arg[1] == 0) {
         hangupSide = arg[0] == 'a' ? 0 : 1;
-    } else if (v == "cut" || v == "mend") {
-        for (int i = 0; i < 2; ++i) {
-            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
-            dirs[i].cut = v == "cut";
-        }
+    } else if (bare) {
+        each([&](Direction& d) { d.cut = v == "cut"; });
     } else if (v == "flood" && fields >= 2) {
-        const double seconds = atof(arg);
-        for (int i = 0; i < 2; ++i) {
-            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
-            dirs[i].floodUntil = now + static_cast<int64_t>(seconds * 1e9);
-        }
+        const int64_t until = now + static_cast<int64_t>(atof(arg) * 1e9);
+        each([&](Direction& d) { d.floodUntil = until; });
     } else if (v == "inject" && fields >= 2) {
         FILE* f = fopen(arg, "rb");
         if (f == nullptr) {
@@ -243,10 +239,7 @@ void handleCommand(char* line, Direction* dirs, int64_t now, int64_t byteNs) {
         size_t n;
         while ((n = fread(chunk, 1, sizeof chunk, f)) > 0) bytes.append(chunk, n);
         fclose(f);
-        for (int i = 0; i < 2; ++i) {
-            if ((i == 0 && !ab) || (i == 1 && !ba)) continue;
-            dirs[i].inject += bytes;
-        }
+        each([&](Direction& d) { d.inject += bytes; });
     } else {
         fprintf(stderr, "line_emu: unknown command: %s\n", line);
     }

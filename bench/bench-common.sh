@@ -26,3 +26,20 @@ cpu_ns() {
 now_ns() { date +%s%N; }
 rss_kb() { awk '/^VmRSS:/{print $2}' "/proc/$1/status" 2>/dev/null || echo "?"; }
 nfds() { find "/proc/$1/fd" -mindepth 1 -maxdepth 1 2>/dev/null | wc -l; }
+
+# What a transfer checked by tcp_blast came to, from the receiver's output ($1) and whether both
+# ends succeeded ($2, 0 if so): "intact", "corrupt N" (N segments reached the application
+# damaged) or "incomplete".
+transfer_verdict() {
+    local segs
+    segs=$(sed -n 's/.*corrupt_segments=\([0-9]*\).*/\1/p' "$1")
+    if [ "$2" != 0 ]; then
+        echo incomplete
+    elif [ "${segs:-0}" != 0 ]; then
+        echo "corrupt $segs"
+    else
+        echo intact
+    fi
+}
+# The lines with "ERR" on standard input, one per text (numbers as N) with its count in front.
+err_texts() { grep ERR | sed 's/[0-9][0-9]*/N/g' | sort | uniq -c; }

@@ -67,6 +67,12 @@ track_cpu() {
         sleep 0.2
     done
 }
+# Percent of a core that a process used during the fault from its CPU time $1 at the start and
+# track_cpu's file $2: over the fault, or over the part of it that a daemon ended during it lived.
+cpu_pct() {
+    awk -v c0="$1" -v s="$t_start" -v e="$t_end" '{ d = ($2 < e ? $2 : e) - s
+        if (d > 0.5) printf "%.2f", 100*($1 - c0)/1e9/d; else printf "-" }' "$2"
+}
 # Seconds from the fault's start (its /proc/uptime in up0) to the start of process $1.
 clk_tck=$(getconf CLK_TCK)
 started_after() {
@@ -87,6 +93,14 @@ wait_side() {
             return 0
         fi
         sleep 0.1
+    done
+    return 1
+}
+# Waits at most 15 s until side $1 runs a daemon other than pid $2; sets H_DPID.
+wait_new_daemon() {
+    for _ in $(seq 300); do
+        h_find_daemon "$1" && [ "$(h_pid "$1")" != "$2" ] && return 0
+        sleep 0.05
     done
     return 1
 }
@@ -160,10 +174,7 @@ fault_kill_far() {
     t_start=$(now)
     kill -KILL "$old"
     # The boot script's watcher starts it again; the fault ends when the new daemon is up.
-    for _ in $(seq 200); do
-        h_find_daemon b && [ "$(h_pid b)" != "$old" ] && break
-        sleep 0.05
-    done
+    wait_new_daemon b "$old"
     t_end=$(now)
     note="SIGKILL; watcher restarted it after $(started_after "$(h_pid b)") s"
 }
@@ -190,9 +201,11 @@ flood_ping() {
     local pb=$!
     wait "$pa" "$pb" || true
     t_end=$(now)
-    note="a->b $(grep -o '[0-9]* packets transmitted, [0-9]* received' "$H_DIR/fa.txt" |
-        awk '{print $1 " sent, " $4 " back"}'); b->a $(grep -o '[0-9]* packets transmitted, [0-9]* received' "$H_DIR/fb.txt" |
-        awk '{print $1 " sent, " $4 " back"}')"
+    note="a->b $(ping_counts "$H_DIR/fa.txt"); b->a $(ping_counts "$H_DIR/fb.txt")"
+}
+# "N sent, M back" from ping's summary in file $1.
+ping_counts() {
+    grep -o '[0-9]* packets transmitted, [0-9]* received' "$1" | awk '{print $1 " sent, " $4 " back"}'
 }
 fault_pingf_full() { flood_ping 1472; }
 fault_pingf_min() { flood_ping 0; }
@@ -202,10 +215,7 @@ fault_iface_gone() {
     t_start=$(now)
     h_exec b ip link delete uart2eth0
     t_end=$t_start
-    for _ in $(seq 300); do
-        h_find_daemon b && [ "$(h_pid b)" != "$old" ] && break
-        sleep 0.05
-    done
+    wait_new_daemon b "$old"
     note="b's uart2eth0 deleted; watcher restarted b after $(started_after "$(h_pid b)") s"
 }
 fault_iface_gone_nowatch() {
@@ -241,10 +251,7 @@ fault_uart_gone() {
     path=$(awk '$1=="b"{print $2}' "$H_DIR/line.info")
     h_exec b ln -s "$path" /dev/zynq_uart0
     t_end=$(now)
-    for _ in $(seq 300); do
-        h_find_daemon b && [ "$(h_pid b)" != "$old" ] && break
-        sleep 0.05
-    done
+    wait_new_daemon b "$old"
     note="b's UART hung up and its node gone 5 s, then a new one; watcher restarted b $(awk -v a="$(started_after "$(h_pid b)")" 'BEGIN{printf "%.1f", a - 5}') s after"
 }
 ipc_id() { h_exec b "$S2E_TESTBED_DIR/supervisor_emu" status | grep -o "$1=[-0-9]*" | cut -d= -f2; }
@@ -324,11 +331,7 @@ for fault in "${faults[@]}"; do
     "fault_$fault"
     kill "$ta" "$tb" 2>/dev/null || true
     wait "$ta" "$tb" 2>/dev/null || true
-    # Over the fault, or over the part of it that a daemon ended during it lived.
-    cpu_a=$(awk -v c0="$ca0" -v s="$t_start" -v e="$t_end" '{ d = ($2 < e ? $2 : e) - s
-        if (d > 0.5) printf "%.2f", 100*($1 - c0)/1e9/d; else printf "-" }' "$H_DIR/cpu.a")
-    cpu_b=$(awk -v c0="$cb0" -v s="$t_start" -v e="$t_end" '{ d = ($2 < e ? $2 : e) - s
-        if (d > 0.5) printf "%.2f", 100*($1 - c0)/1e9/d; else printf "-" }' "$H_DIR/cpu.b")
+    cpu_a=$(cpu_pct "$ca0" "$H_DIR/cpu.a") cpu_b=$(cpu_pct "$cb0" "$H_DIR/cpu.b")
     [ -z "$cpu_b_override" ] || cpu_b=$cpu_b_override
     # The first reply after the fault's end to a ping sent after its start (ping -D stamps each
     # reply with its arrival; arrival less round trip is the sending): a reply to a ping that
@@ -341,13 +344,10 @@ for fault in "${faults[@]}"; do
         [ -n "$reply" ] && break
         sleep 0.1
     done
-    tcp="incomplete"
-    if wait "$spid" && wait "$rpid"; then
-        segs=$(sed -n 's/.*corrupt_segments=\([0-9]*\).*/\1/p' "$H_DIR/recv.txt")
-        [ "${segs:-0}" = 0 ] && tcp="intact" || tcp="$segs corrupt"
-    else
-        wait "$rpid" 2>/dev/null || true
-    fi
+    ok=0
+    wait "$spid" || ok=1
+    wait "$rpid" 2>/dev/null || ok=1
+    tcp=$(transfer_verdict "$H_DIR/recv.txt" $ok)
     wait_side a && wait_side b || true
     sleep 1
     alive="a b"
@@ -360,8 +360,7 @@ for fault in "${faults[@]}"; do
     err_b=$(tail -c +$((size_b0 + 1)) "$(h_out b)" | grep -c ERR || true)
     for side in a b; do
         [ $side = a ] && s0=$size_a0 || s0=$size_b0
-        tail -c +$((s0 + 1)) "$(h_out $side)" | grep ERR | sed 's/[0-9][0-9]*/N/g' | sort |
-            uniq -c | awk -v f="$fault" -v d=$side '{ n = $1; $1 = ""; printf "%s, %s: %d x%s\n", f, d, n, $0 }' >>"$errs" || true
+        tail -c +$((s0 + 1)) "$(h_out $side)" | err_texts | awk -v f="$fault" -v d=$side '{ n = $1; $1 = ""; printf "%s, %s: %d x%s\n", f, d, n, $0 }' >>"$errs" || true
     done
     printf '| %s | %s | %s | %s / %s | %s→%s / %s→%s | %s→%s / %s→%s | %s / %s | %s | %s |\n' \
         "${fault//_/-}" "$alive" "${reply:-none in 60 s}" "$cpu_a" "$cpu_b" \

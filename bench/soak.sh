@@ -45,7 +45,7 @@ echo "SerialToEth soak: $duration s, line_emu ber $ber both ways, TCP transfers 
      "a -> b back to back, ping a -> b every second, samples every $sample s into $out/soak.csv"
 
 # Transfers back to back until the stop file appears; one line per transfer in transfers.log:
-# "ok", "corrupt N" (segments that reached the application damaged) or "incomplete".
+# "intact", "corrupt N" or "incomplete" (transfer_verdict).
 stop=$H_DIR/stop
 timeout=$(awk -v b="$bytes" 'BEGIN{printf "%.0f", 5*b/57600 + 120}')
 (
@@ -60,14 +60,7 @@ timeout=$(awk -v b="$bytes" 'BEGIN{printf "%.0f", 5*b/57600 + 120}')
         h_exec a "${H_RUN[@]}" "$S2E_TESTBED_DIR/tcp_blast" send 10.99.0.2 $port "$bytes" \
             "$timeout" >"$H_DIR/send.txt" 2>&1 || ok=1
         wait $rpid || ok=1
-        segs=$(sed -n 's/.*corrupt_segments=\([0-9]*\).*/\1/p' "$H_DIR/recv.txt")
-        if [ "$ok" != 0 ]; then
-            echo incomplete
-        elif [ "${segs:-0}" != 0 ]; then
-            echo "corrupt $segs"
-        else
-            echo ok
-        fi >>"$H_DIR/transfers.log"
+        transfer_verdict "$H_DIR/recv.txt" $ok >>"$H_DIR/transfers.log"
     done
 ) &
 blast_pid=$!
@@ -86,8 +79,8 @@ echo "minute,a_rss_kb,a_fds,a_cpu_pct,b_rss_kb,b_fds,b_cpu_pct,transfers_ok,tran
 sample_row() {
     local m=$1 t a b ok bad
     t=$(now_ns) a=$(cpu_ns "$pa") b=$(cpu_ns "$pb")
-    ok=$(grep -c '^ok' "$H_DIR/transfers.log" 2>/dev/null || true)
-    bad=$(grep -vc '^ok' "$H_DIR/transfers.log" 2>/dev/null || true)
+    ok=$(grep -c '^intact' "$H_DIR/transfers.log" 2>/dev/null || true)
+    bad=$(grep -vc '^intact' "$H_DIR/transfers.log" 2>/dev/null || true)
     awk -v m="$m" -v ra="$(rss_kb "$pa")" -v fa="$(nfds "$pa")" -v rb="$(rss_kb "$pb")" \
         -v fb="$(nfds "$pb")" -v da=$((a - last_a)) -v db=$((b - last_b)) -v dt=$((t - last_t)) \
         -v ok="${ok:-0}" -v bad="${bad:-0}" \
@@ -145,7 +138,7 @@ EOF
                    printf "open descriptors first/last: a %d/%d, b %d/%d\n", af0, afl, bf0, bl
                    printf "CPU %% of a core, mean/max of the samples: a %.2f/%.2f, b %.2f/%.2f\n",
                           ca/n, cma, cb/n, cmb }' "$csv"
-    awk '{ n++; if ($1 == "ok") ok++; else if ($1 == "corrupt") { c++; segs += $2 } else inc++ }
+    awk '{ n++; if ($1 == "intact") ok++; else if ($1 == "corrupt") { c++; segs += $2 } else inc++ }
          END { printf "TCP transfers: %d, intact %d, corrupted %d (%d segments), incomplete %d\n",
                       n, ok, c, segs, inc }' "$H_DIR/transfers.log"
     tail -n 2 "$H_DIR/ping.txt" | head -n 1 | sed 's/^/ping: /'
@@ -156,8 +149,7 @@ EOF
     for name in a b; do
         n=$(grep -c "ERR" "$(h_out "$name")" || true)
         echo "daemon $name: $n \"ERR\" lines; alive: $(h_alive "$name" && echo yes || echo NO)"
-        grep -h "ERR" "$(h_out "$name")" | sed 's/[0-9][0-9]*/N/g' | sort | uniq -c |
-            sed 's/^/    /' || true
+        err_texts <"$(h_out "$name")" | sed 's/^/    /' || true
     done
     echo "CSV: $csv"
     echo "plot: $png"

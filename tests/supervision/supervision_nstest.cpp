@@ -80,7 +80,7 @@ TEST(Monitor, StalledObjectsAreRestartedEveryThirdMissAndRefreshReachesAllAndCle
         {0, 0, 5}, {1, 0, 5}, {2, 0, 5}, {0, 1, 5}, {0, 1, 0}, {1, 1, 0}, {2, 1, 0}, {0, 2, 0}};
     std::string notices;
     stalls.beat = 5;
-    for (size_t tick = 0; tick < 8; ++tick) {
+    for (size_t tick = 0; tick < std::size(after); ++tick) {
         const auto [misses, kills, recorded] = after[tick];
         SCOPED_TRACE("tick " + std::to_string(tick + 1));
         busy.beat += 7;

@@ -66,8 +66,8 @@ timeout=$(awk -v b="$bytes" 'BEGIN{printf "%.0f", 5*b/57600 + 120}')
 blast_pid=$!
 # The loop and the ping end before the harness tears the daemons down, also on a failure.
 soak_teardown() {
-    kill "$blast_pid" "$ping_pid" 2>/dev/null
-    wait "$blast_pid" "$ping_pid" 2>/dev/null
+    kill "$blast_pid" "$ping_pid" 2>/dev/null || true  # mostly ended by then
+    wait "$blast_pid" "$ping_pid" 2>/dev/null || true
     h_teardown
 }
 trap soak_teardown EXIT

@@ -1,9 +1,9 @@
 // libFuzzer target: arbitrary bytes in arbitrary chunks through ringPutBytes and whole frames
-// through ringPutFrame (against the encoder and its bounds), taken out again by
-// ringTakeFrame, ringTakePacket and ringTakePacketReport on triplet rings; checks the ring
-// invariants, every result, frame, payload and readIndex against a model of the frame search, the
-// bounds and the unstuffing (its own numbers, not the codec's), and that the report accounts for
-// every byte the take consumed.
+// through ringPutFrame (against the frame model's encoder and the bounds), taken out again by
+// ringTakeFrame, ringTakePacket and ringTakePacketReport on three rings fed alike; checks the
+// fill, every result, frame, payload and readIndex against a model of the frame search and its
+// bounds (its own numbers, not the codec's) and the frame model's unstuffing, and that the report
+// accounts for every byte the take consumed.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -11,22 +11,25 @@
 #include <vector>
 
 #include "FrameCodec.h"
+#include "FrameModel.h"
 #include "FuzzInput.h"
 
 namespace {
 
+// The fill as the indices say: at most size - 1 bytes, so equal indices mean an empty ring.
+uint32_t modelUsed(const ByteRing& ring) {
+    return (ring.writeIndex.load() - ring.readIndex.load()) & (ring.size - 1);
+}
+
 void checkRing(const ByteRing& ring) {
-    const uint32_t w = ring.writeIndex.load();
-    const uint32_t r = ring.readIndex.load();
-    CHECK(w < ring.size);
-    CHECK(r < ring.size);
-    CHECK(ring.mask == ring.size - 1);
-    CHECK(ringUsed(&ring) + ringFreeSpace(&ring) == ring.size - 1);
+    CHECK(ring.writeIndex.load() < ring.size);
+    CHECK(ring.readIndex.load() < ring.size);
+    CHECK(ringUsed(&ring) == modelUsed(ring));
 }
 
 void put(ByteRing* a, ByteRing* b, ByteRing* c, const uint8_t* data, uint16_t n) {
     const uint32_t before = a->writeIndex.load();
-    const uint32_t freeSpace = ringFreeSpace(a);
+    const uint32_t freeSpace = a->size - 1 - modelUsed(*a);
     const int32_t ra = ringPutBytes(a, data, n);
     CHECK(ra == ringPutBytes(b, data, n));
     CHECK(ra == ringPutBytes(c, data, n));
@@ -59,33 +62,18 @@ Cut modelCut(const ByteRing& ring, uint16_t limit) {
     return cut;
 }
 
-// Payload of a cut frame (one flag at each end, none between): unstuffed, header dropped, and
-// empty when fewer than 12 bytes remain.
-std::vector<uint8_t> modelPayload(const std::vector<uint8_t>& frame) {
-    std::vector<uint8_t> out;
-    bool escaped = false;
-    for (size_t i = 1; i + 1 < frame.size(); ++i) {
-        const uint8_t b = frame[i];
-        if (b == 0x5E) {
-            escaped = true;
-            continue;
-        }
-        out.push_back(escaped && b == 0x5D ? 0x5E : escaped && b == 0x7D ? 0x7E : b);
-        escaped = false;
-    }
-    if (out.size() < 4 + 12) return {};
-    return std::vector<uint8_t>(out.begin() + 4, out.end());
-}
-
 // The report names what the take consumed: noise before the start flag, then the run or the frame
 // (whose end flag stays in the ring).
 void checkReport(const TakeReport& rep, int32_t np, uint32_t consumed) {
     switch (rep.outcome) {
         case TakeOutcome::kNone:
-            CHECK(consumed == 0 && np == -1);
+            CHECK(consumed == 0);
+            CHECK(np == -1);
             return;
         case TakeOutcome::kNoise:
-            CHECK(consumed == rep.skipped && consumed > 0 && np == -1);
+            CHECK(consumed == rep.skipped);
+            CHECK(consumed > 0);
+            CHECK(np == -1);
             return;
         case TakeOutcome::kUnterminated:
             CHECK(consumed == rep.skipped + rep.span);
@@ -95,14 +83,18 @@ void checkReport(const TakeReport& rep, int32_t np, uint32_t consumed) {
         case TakeOutcome::kTooShort:
         case TakeOutcome::kTooLong:
         case TakeOutcome::kOverLimit:
-            CHECK(np == -1 && (rep.outcome != TakeOutcome::kTooShort || rep.span <= 10));
-            CHECK(rep.outcome != TakeOutcome::kTooLong || rep.span > 3047);
+            CHECK(np == -1);
+            if (rep.outcome == TakeOutcome::kTooShort) CHECK(rep.span <= 10);
+            if (rep.outcome == TakeOutcome::kTooLong) CHECK(rep.span > 3047);
             break;
         case TakeOutcome::kShortPayload:
-            CHECK(np == 0 && rep.payload >= -1 && rep.payload < 12);
+            CHECK(np == 0);
+            CHECK(rep.payload >= -1);
+            CHECK(rep.payload < 12);
             break;
         case TakeOutcome::kDelivered:
-            CHECK(np == rep.payload && np >= 12);
+            CHECK(np == rep.payload);
+            CHECK(np >= 12);
             break;
     }
     CHECK(consumed == rep.skipped + rep.span - 1);
@@ -134,9 +126,9 @@ void take(ByteRing* frames, ByteRing* packets, ByteRing* reported, uint16_t limi
     // The cut frame is zeroed in the ring and readIndex rests on its old end flag.
     const uint32_t e = frames->readIndex.load();
     for (uint32_t i = 0; i < uint32_t(nf); ++i) CHECK(frames->storage[(e - i) & frames->mask] == 0);
-    const std::vector<uint8_t> payload = modelPayload(want.frame);
-    CHECK(np == int32_t(payload.size()) &&
-          std::equal(payload.begin(), payload.end(), packet.begin()));
+    const model::Bytes payload = model::payload(want.frame.data());
+    CHECK(np == int32_t(payload.size()));
+    CHECK(std::equal(payload.begin(), payload.end(), packet.begin()));
     std::vector<uint8_t> decoded(static_cast<size_t>(nf));
     CHECK(frameDecode(frame.data(), decoded.data()) == np);
     CHECK(std::memcmp(decoded.data(), packet.data(), size_t(np)) == 0);
@@ -153,7 +145,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t asked = (int32_t(config) - 8) * (1 << (config % 18));
     ringCreate(&probe, asked);
     const bool listed = asked >= 1024 && asked <= 131072 && (asked & (asked - 1)) == 0;
-    CHECK(probe.size == (listed ? uint32_t(asked) : 8192u) && probe.mask == probe.size - 1);
+    CHECK(probe.size == (listed ? uint32_t(asked) : 8192u));
+    CHECK(probe.mask == probe.size - 1);
     ringDestroy(&probe);
     ByteRing frames, packets, reported;
     ringCreate(&frames, ringSize);
@@ -161,10 +154,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ringCreate(&reported, ringSize);
     // Start anywhere in storage so that wrap-around is reached with short inputs.
     const uint32_t at = uint32_t(config >> 1) * 97u & frames.mask;
-    frames.writeIndex.store(at), frames.readIndex.store(at);
-    packets.writeIndex.store(at), packets.readIndex.store(at);
-    reported.writeIndex.store(at), reported.readIndex.store(at);
-    std::vector<uint8_t> scratch(65536);
+    for (ByteRing* ring : {&frames, &packets, &reported}) {
+        ring->writeIndex.store(at);
+        ring->readIndex.store(at);
+    }
+    static uint8_t scratch[16384];
     while (!in.empty()) {
         const uint8_t op = in.byte();
         if ((op & 3) == 0) {  // a chunk of the input as it is
@@ -173,8 +167,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             put(&frames, &packets, &reported, chunk, uint16_t(n));
         } else if ((op & 3) == 1) {  // a long run of one value, to reach the run bounds
             const uint16_t n = in.word() & 0x1FFF;
-            std::memset(scratch.data(), in.byte(), n);
-            put(&frames, &packets, &reported, scratch.data(), n);
+            std::memset(scratch, in.byte(), n);
+            put(&frames, &packets, &reported, scratch, n);
         } else if ((op & 3) == 2) {
             // Mostly the bridge's limits, else any limit up to 4095 (0 included); now and then a
             // null output buffer.
@@ -186,7 +180,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             // up to 4095 bytes long, to reach the longest frame and the 4096-byte working area.
             // Bit 6 first fills the ring with zeros so that the frame fits its free space exactly.
             size_t n = size_t((op >> 2) & 0xF) * 8;
-            std::vector<uint8_t> packet;
+            model::Bytes packet;
             if (op & 0x80) {
                 n = in.word() & 0xFFF;
                 packet.assign(n, in.byte());
@@ -194,23 +188,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const uint8_t* src = in.take(&n);
                 packet.assign(src, src + n);
             }
-            packet.resize(std::max<size_t>(n, 64));
-            std::vector<uint8_t> copy = packet;
-            const int32_t len = frameEncode(copy.data(), scratch.data(), int32_t(n));
-            const uint32_t room = ringFreeSpace(&frames);
-            if ((op & 0x40) && uint32_t(len) < room) {
-                std::memset(scratch.data() + len, 0, room - uint32_t(len));
-                put(&frames, &packets, &reported, scratch.data() + len,
-                    uint16_t(room - uint32_t(len)));
+            const model::Bytes wire = model::encode(packet);
+            const uint32_t room = frames.size - 1 - modelUsed(frames);
+            if ((op & 0x40) && wire.size() < room) {
+                std::memset(scratch, 0, room - wire.size());
+                put(&frames, &packets, &reported, scratch, uint16_t(room - wire.size()));
             }
             const uint32_t w = frames.writeIndex.load();
-            const bool fits = n > 0 && len <= 4096 && uint32_t(len) <= ringFreeSpace(&frames);
+            const uint32_t left = frames.size - 1 - modelUsed(frames);
+            const bool fits = n > 0 && wire.size() <= 4096 && wire.size() <= left;
+            packet.resize(std::max<size_t>(n, 64));
             for (ByteRing* ring : {&frames, &packets, &reported}) {
-                copy = packet;
+                model::Bytes copy = packet;
                 CHECK(ringPutFrame(ring, copy.data(), uint16_t(n)) == (fits ? 0 : -1));
             }
-            for (int32_t i = 0; fits && i < len; ++i)
-                CHECK(frames.storage[(w + uint32_t(i)) & frames.mask] == scratch[size_t(i)]);
+            for (uint32_t i = 0; fits && i < wire.size(); ++i)
+                CHECK(frames.storage[(w + i) & frames.mask] == wire[i]);
         }
         checkRing(frames);
         checkRing(packets);

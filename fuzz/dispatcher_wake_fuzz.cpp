@@ -1,10 +1,9 @@
 // libFuzzer target: the dispatcher's wake-up rule against the frame rules read byte by byte. A
-// stream of line bytes (pieces of the input, runs of one value with or without a start flag, and
-// frames of the frame model, whole or torn) is cut into chunks of 1..4096 bytes and stored into a
-// serial ring, which is drained only when DispatcherWake says a chunk needs a pass. After every
-// chunk the ring must have delivered every packet whose end flag has arrived, as the reference
-// finds them; after a chunk that woke no one it must hold less than an unterminated run's limit;
-// and it must always have room for another whole read.
+// line stream (the input, with runs that reach the length bounds) is cut into chunks of 1..4096
+// bytes and stored into a serial ring, which is drained only when DispatcherWake says a chunk
+// needs a pass. After every chunk the ring must have delivered every packet whose end flag has
+// arrived, as the reference finds them; after a chunk that woke no one it must hold less than an
+// unterminated run's limit; and it must always have room for another whole read.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -44,44 +43,15 @@ struct Reference {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzInput in(data, size);
-    const uint8_t config = in.byte();
-    Bytes stream;
-    while (!in.empty() && stream.size() < 12000) {
-        const uint8_t op = in.byte();
-        if ((op & 3) == 0) {  // a piece of the input as it is
-            size_t n = size_t(op >> 2) + 1;
-            const uint8_t* piece = in.take(&n);
-            stream.insert(stream.end(), piece, piece + n);
-            continue;
-        }
-        const uint16_t n = in.word();
-        const uint8_t value = in.byte();
-        if ((op & 3) == 1) {  // a run of one value, after a start flag or not
-            if (op & 4) stream.push_back(0x7E);
-            stream.insert(stream.end(), n & 0x1FFF, value);
-            continue;
-        }
-        // A frame of the model: a packet of up to 1514 bytes, up to 248 of them from the input and
-        // the rest of one value, or (3) a run of one value up to 4095 bytes long; torn before its
-        // end when bit 2 is set.
-        const size_t k = op >> 3;
-        size_t have = (op & 3) == 2 ? k * 8 : 0;
-        const uint8_t* piece = in.take(&have);
-        Bytes packet(piece, piece + have);
-        packet.resize((op & 3) == 2 ? n % 1515u : n % 4096u, value);
-        const Bytes frame = model::encode(packet);
-        const size_t cut = (op & 4) ? k * frame.size() / 32 : frame.size();
-        stream.insert(stream.end(), frame.begin(), frame.begin() + long(cut));
-    }
-
+    if (size == 0) return 0;
+    const Bytes stream = model::lineStream(data + 1, size - 1);
     ByteRing ring;
     ringCreate(&ring, 16384);
     Reference reference;
     size_t delivered = 0;
     Bytes packet(8192);
-    std::minstd_rand rng(config + 1u);
-    const uint32_t maxChunk = 1 + config % 8 * 585u;  // 1 .. 4096
+    std::minstd_rand rng(data[0] + 1u);
+    const uint32_t maxChunk = 1 + data[0] % 8 * 585u;  // 1 .. 4096
     for (size_t next = 0; next < stream.size();) {
         const size_t chunk = std::min<size_t>(1 + rng() % maxChunk, stream.size() - next);
         const uint8_t* bytes = stream.data() + next;

@@ -69,14 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const size_t kChunks[] = {1, 2, 7, 64, 600, 4096};
     const size_t chunk = kChunks[in.byte() % 6];
     const uint8_t pieces = in.byte();
-    // The input, each byte 0xF0..0xF3 standing for a start flag and 3045 to 3048 copies of itself,
-    // which reach the length bounds.
-    model::Bytes stream;
-    while (!in.empty()) {
-        const uint8_t b = in.byte();
-        stream.insert(stream.end(), b >= 0xF0 && b <= 0xF3 ? 1 : 0, 0x7E);
-        stream.insert(stream.end(), b >= 0xF0 && b <= 0xF3 ? 3045 + (b & 3) : 1, b);
-    }
+    size_t n = size;
+    const uint8_t* rest = in.take(&n);
+    const model::Bytes stream = model::lineStream(rest, n);
     CheckingSink sink(stream);
     LineTap tap(sink, chunk);
     for (size_t at = 0, k = 0; at < stream.size(); ++k) {

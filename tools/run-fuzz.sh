@@ -23,6 +23,6 @@ for src in "${targets[@]}"; do
         echo "fuzz target $name failed; artifacts:" && ls "$work"
         exit 1
     fi
-    grep -E '^#[0-9]+ +DONE|^stat::average_exec_per_sec' "$work/log"
+    grep -E '^#[0-9]+[[:space:]]+DONE|^stat::average_exec_per_sec' "$work/log"
     rm -rf "$work"
 done

@@ -74,12 +74,10 @@ TEST_F(Debug, ConsoleAndTheFileOfTheLatestFlaggedMessage) {
 
 // One network sink session: refusals, translation and cut of the datagrams, the close.
 TEST_F(Debug, NetworkSink) {
-    const DebugPeerAddr other = peerAt(5000, "127.0.0.2");
     for (const auto& bad : {peerAt(0, "127.0.0.1"), peerAt(5000, "0.0.0.0"),
                             peerAt(5000, "255.255.255.255"), peerAt(5000, "127.0.0.300")})
-        EXPECT_EQ(openNetLog(&bad), -1);
+        EXPECT_EQ(openNetLog(&bad), -1) << bad.address << " port " << int(bad.basePort);
     EXPECT_EQ(openNetLog(&loopback), 0);
-    EXPECT_EQ(openNetLog(&other), 0) << "already on: the first peer stays";
     std::ofstream(kDebugFilePath) << "before\n";
     FdCapture out;
     std::string console;
@@ -154,14 +152,10 @@ TEST_F(Debug, HexAndProtocolDumps) {
 
 // The sub socket, opened on its private default first (never sent to).
 TEST_F(Debug, SubSocket) {
-    const uint8_t byte = 1;
-    EXPECT_EQ(sendHexDump(&byte, 1), -1) << "no network log yet";
     EXPECT_EQ(subSocketPrintf("off %d\n", 1), -1) << "no sub socket yet";
-    const DebugPeerAddr broadcast = peerAt(5000, "255.255.255.255"),
-                        sub = peerAt(peer.port() + 1, "127.0.0.1");
+    const DebugPeerAddr sub = peerAt(peer.port() + 1, "127.0.0.1");
     ASSERT_EQ(openSubSocket(nullptr), 0) << "default peer";
-    ASSERT_EQ(openSubSocket(&broadcast), 0) << "already open: keeps the first";
-    ASSERT_EQ(openSubSocket(&sub), 0);
+    ASSERT_EQ(openSubSocket(&sub), 0) << "opened again, for the given peer";
     FdCapture out;
     EXPECT_EQ(subSocketPrintf("a=%d~\n", 5), 0);
     EXPECT_EQ(peer.receive(), "a=5~\n") << "sent as formatted, untranslated";

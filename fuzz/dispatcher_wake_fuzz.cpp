@@ -1,18 +1,21 @@
-// libFuzzer target: the dispatcher's wake-up rule against the frame rules read byte by byte. A
-// line stream (the input, with runs that reach the length bounds) is cut into chunks of 1..4096
-// bytes and stored into a serial ring, which is drained only when DispatcherWake says a chunk
-// needs a pass. After every chunk the ring must have delivered every packet whose end flag has
-// arrived, as the reference finds them; after a chunk that woke no one it must hold less than an
-// unterminated run's limit; and it must always have room for another whole read.
+// libFuzzer target: the dispatcher's wake-up rule, and the line capture's tap, against the frame
+// rules read byte by byte. A line stream (the input, with runs that reach the length bounds) is
+// cut into chunks of 1..4096 bytes and stored into a serial ring, which is drained only when
+// DispatcherWake says a chunk needs a pass. After every chunk the ring must have delivered every
+// packet whose end flag has arrived, as the reference finds them; after a chunk that woke no one
+// it must hold less than an unterminated run's limit; and it must always have room for another
+// whole read. The tap, reading the same stream in chunks as large, must find the same packets.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "DispatcherWake.h"
 #include "FrameModel.h"
 #include "FuzzInput.h"
+#include "LineTap.h"
 
 namespace {
 
@@ -38,6 +41,16 @@ struct Reference {
         if (!packet.empty()) packets.push_back(packet);
         open.assign(cut ? 0 : 1, 0x7E);
     }
+};
+
+// The line capture's tap, which shows a line as the daemon reads it: its packets only.
+struct Delivered : WireSink {
+    std::vector<Bytes> packets;
+    void delivered(uint64_t, int64_t, const uint8_t* payload, size_t length) override {
+        packets.emplace_back(payload, payload + length);
+    }
+    void dropped(uint64_t, int64_t, const uint8_t*, size_t, const std::string&) override {}
+    void noise(uint64_t, int64_t, const uint8_t*, size_t) override {}
 };
 
 }  // namespace
@@ -71,5 +84,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         CHECK(ringUsed(&ring) + 4096 <= 16383);
     }
     ringDestroy(&ring);
+    Delivered tapped;
+    LineTap tap(tapped, maxChunk);
+    tap.feedNominal(stream.data(), stream.size(), 57600);
+    tap.finish(LineTap::nominalNs(stream.size(), 57600));
+    CHECK(tapped.packets == reference.packets);
     return 0;
 }

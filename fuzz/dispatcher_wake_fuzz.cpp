@@ -85,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     ringDestroy(&ring);
     Delivered tapped;
-    LineTap tap(tapped, maxChunk);
+    LineTap tap(tapped, std::max<uint32_t>(maxChunk, 64));
     tap.feedNominal(stream.data(), stream.size(), 57600);
     tap.finish(LineTap::nominalNs(stream.size(), 57600));
     CHECK(tapped.packets == reference.packets);

@@ -1,11 +1,12 @@
-// Frame codec at its own level: exact wire vectors. The rest (ring sizes, bounds, search, leading
-// flags, unstuffing, capacity, null outputs and limits of 0) is checked against models of the same
-// rules in fuzz/, replayed by ctest as fuzz.*.
+// Frame codec and checksums at their own level: exact wire vectors and catalogue values. The rest
+// of the codec (ring sizes, bounds, search, leading flags, unstuffing, capacity, null outputs and
+// limits of 0) is checked against a model of the frame in fuzz/, replayed by ctest as fuzz.*.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <vector>
 
+#include "Crc.h"
 #include "FrameCodec.h"
 
 namespace {
@@ -43,6 +44,22 @@ TEST(FrameEncoder, WireVectors) {
     }
     Bytes out(200);
     EXPECT_EQ(frameEncode(out.data(), out.data() + 100, -1), -1) << "a negative length";
+}
+
+// The check string's values: CRC-16/XMODEM, CRC-16/IBM-3740 (start 0xFFFF), CRC-32/JAMCRC, and
+// the CRC-32 register from 0; pieces and single steps (the byte's high bits ignored) give the same.
+TEST(Checksums, CheckStringValues) {
+    const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+    EXPECT_EQ(crc16(check, 9), 0x31C3) << "CRC-16/XMODEM";
+    EXPECT_EQ(crc16Update(0xFFFF, check, 9), 0x29B1) << "CRC-16/IBM-3740";
+    EXPECT_EQ(crc16Resume(check + 4, 5, crc16Resume(check, 4, 0xFFFF)), 0x29B1) << "in two pieces";
+    EXPECT_EQ(crc32(check, 9), 0x340BC6D9u) << "CRC-32/JAMCRC";
+    EXPECT_EQ(crc32Raw(check, 9), 0x2DFD2D88u) << "CRC-32 register from 0";
+    uint32_t r = 0;
+    for (uint8_t b : check) r = crc32Step(r, 0xA500u | b);
+    EXPECT_EQ(r, 0x2DFD2D88u) << "step by step";
+    crc32BuildTable();
+    EXPECT_EQ(crc32Raw(check, 9), 0x2DFD2D88u) << "after the table was built again";
 }
 
 }  // namespace

@@ -2,10 +2,7 @@
 // protocol record's dump (its layout is pinned in ProtocolMsg.h), sub socket. Private namespaces:
 // the debug file is /root/dbg.txt. Peers are UDP sockets on 127.0.0.1.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-
-#include <algorithm>
 
 #include "ProtocolMsg.h"
 #include "TestSupport.h"
@@ -36,25 +33,26 @@ class Debug : public ::testing::Test {
 
 TEST_F(Debug, DecoratedLinesByLevelAndFilter) {
     FdCapture out;
-    std::string want;
     const char* names[] = {"ERROR   ", "WARNING ", "INFO    ", "DEBUG   "};
     for (const time_t start = time(nullptr); time(nullptr) == start;) usleep(1000);  // one second
     char date[32];
     const time_t now = time(nullptr);
-    strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", localtime(&now));
+    strftime(date, sizeof date, "[%Y-%m-%d %H:%M:%S]", localtime(&now));
+    const std::string head = std::string("[SLAVE]") + date;
+    std::string want;
     for (int level : {0, 1, 2, 3, 4, -1}) {
         debugPrint(level, "x.cpp", level * 7, "m 100%%");
-        if (level >= 0 && level < 4)
-            want += std::string("[SLAVE][") + date + "]" + names[level] + ":[x.cpp,L" +
-                    std::to_string(level * 7) + "]m 100%\n";
+        if (level < 0 || level > 3) continue;
+        want += head + names[level] + ":[x.cpp,L" + std::to_string(level * 7) + "]m 100%\n";
     }
     printMaxLevel = 1;
     debugPrint(2, "x.cpp", 1, "above the maximum");
     printFilterOn = 0;
     debugPrint(3, "x.cpp", 1, "filter off");
-    printFilterOn = 1, printMaxLevel = 3;
-    EXPECT_EQ(out.text(),
-              want + "[SLAVE]" + want.substr(7, 21) + "DEBUG   :[x.cpp,L1]filter off\n");
+    want += head + "DEBUG   :[x.cpp,L1]filter off\n";
+    printFilterOn = 1;
+    printMaxLevel = 3;
+    EXPECT_EQ(out.text(), want);
 }
 
 TEST_F(Debug, ConsoleAndTheFileOfTheLatestFlaggedMessage) {
@@ -76,24 +74,29 @@ TEST_F(Debug, ConsoleAndTheFileOfTheLatestFlaggedMessage) {
 
 // One network sink session: refusals, translation and cut of the datagrams, the close.
 TEST_F(Debug, NetworkSink) {
-    const DebugPeerAddr other = peerAt(5000, "127.0.0.2");
     for (const auto& bad : {peerAt(0, "127.0.0.1"), peerAt(5000, "0.0.0.0"),
                             peerAt(5000, "255.255.255.255"), peerAt(5000, "127.0.0.300")})
-        EXPECT_EQ(openNetLog(&bad), -1);
+        EXPECT_EQ(openNetLog(&bad), -1) << bad.address << " port " << int(bad.basePort);
     EXPECT_EQ(openNetLog(&loopback), 0);
-    EXPECT_EQ(openNetLog(&other), 0) << "already on: the first peer stays";
     std::ofstream(kDebugFilePath) << "before\n";
     FdCapture out;
     std::string console;
     const std::string c(1200, 'c'), d(999, 'd'), e(1000, 'e');
-    // clang-format off
-    const std::pair<std::string, std::string> rows[] = {{"a~b\n", "a b\r\n"}, {"line\r\n", "line\r\n"},
-        {"~~x\r~\n", "  x\r \r\n"}, {"", ""}, {c, c.substr(0, 1000)}, {d + "\n", d + "\r\n"}, {e + "\n", e}};
-    // clang-format on
-    for (const auto& [message, datagram] : rows) {
-        debugLog(LOG_ERROR, "%s", message.c_str());
-        console += message;
-        EXPECT_EQ(peer.receive(), datagram) << testing::PrintToString(message.substr(0, 8));
+    const struct {
+        std::string message, datagram;
+    } rows[] = {
+        {"a~b\n", "a b\r\n"},      // a tilde becomes a blank, a line end CR LF
+        {"line\r\n", "line\r\n"},  // CR LF stays
+        {"~~x\r~\n", "  x\r \r\n"},
+        {"", ""},
+        {c, c.substr(0, 1000)},  // cut at 1000 characters
+        {d + "\n", d + "\r\n"},  // 999 and the line end fit
+        {e + "\n", e},           // 1000: the line end is cut off
+    };
+    for (const auto& row : rows) {
+        debugLog(LOG_ERROR, "%s", row.message.c_str());
+        console += row.message;
+        EXPECT_EQ(peer.receive(), row.datagram) << testing::PrintToString(row.message.substr(0, 8));
     }
     debugLog(LOG_WARNING, "filtered\n");
     debugLog(LOG_TO_FILE | LOG_ERROR, "flagged\n");
@@ -103,8 +106,6 @@ TEST_F(Debug, NetworkSink) {
     debugLevel = 3;
     EXPECT_EQ(closeNetLog(), 0);
     debugLog(LOG_ERROR, "after close\n");
-    EXPECT_EQ(netLogEnabled, 0) << "off";
-    EXPECT_EQ(netLogSocket, -1) << "released";
     EXPECT_EQ(debugLevel, 0) << "threshold reset";
     bool got = true;
     while (got && peer.receive(&got, 200) != "after close\r\n") {
@@ -112,51 +113,43 @@ TEST_F(Debug, NetworkSink) {
     EXPECT_FALSE(got);
 }
 
-std::string lowerHex(const uint8_t* bytes, size_t from, size_t to) {
-    std::string text;
+// A hex datagram: "\n\r", a line of bytes 0 to 60, then lines of 60 bytes, each line ending with
+// "\n\r"; no byte is added once the text is longer than 2039 characters; "\n\r".
+std::string hexDatagram(const uint8_t* bytes, size_t n) {
+    std::string text = "\n\r";
     char cell[4];
-    for (size_t i = from; i < to; ++i) snprintf(cell, sizeof cell, "%02x ", bytes[i]), text += cell;
-    return text;
+    for (size_t i = 0; i < n && text.size() <= 2039; ++i) {
+        snprintf(cell, sizeof cell, "%02x ", bytes[i]);
+        text += cell;
+        if (i >= 60 && i % 60 == 0) text += "\n\r";
+    }
+    return text + "\n\r";
 }
 
 TEST_F(Debug, HexAndProtocolDumps) {
     ASSERT_EQ(openNetLog(&loopback), 0);
     uint8_t b[700];
     for (size_t i = 0; i < 700; ++i) b[i] = uint8_t(i * 7 + 0xF0);
-    // Datagram lines hold bytes 0-60, 61-120, ...; the text is cut after position 2039.
     for (size_t n : {0, 2, 200, 671, 700}) {
-        std::string want = "\n\r";
-        for (size_t from = 0, to = 61; from < std::min<size_t>(n, 672); from = to, to += 60) {
-            want += lowerHex(b, from, std::min<size_t>({to, n, 672})) + (to <= n ? "\n\r" : "");
-        }
-        EXPECT_EQ(sendHexDump(b, uint32_t(n)), ssize_t(want.size() + 2)) << n;
-        EXPECT_EQ(peer.receive(), want + "\n\r") << n;
+        const std::string want = hexDatagram(b, n);
+        EXPECT_EQ(sendHexDump(b, uint32_t(n)), ssize_t(want.size())) << n << " bytes: length";
+        EXPECT_EQ(peer.receive(), want) << n << " bytes";
     }
-    FdCapture out;  // the console copy is not checked here
-    debugLevel = 1;
-    dumpBytes(b, 45);
-    debugLevel = 2;
-    dumpBytes(b, 25);
-    EXPECT_EQ(peer.receive(), "\n\r" + lowerHex(b, 0, 25) + "\n\r")
-        << "the level-1 dump sent nothing";
-    dumpBytes(b, -3);
-    EXPECT_EQ(peer.receive(), "\n\r\n\r") << "a negative count sends an empty dump";
+    FdCapture out;
+    debugLevel = 1;  // the record's dump is silent at 0
     S_ProtocolMsg m{};  // its address lines follow the low four bits of the protocol number
-    m.srcProtocol = 0x13, m.srcNPC.npID = 0x31;
+    m.srcProtocol = 0x13;
+    m.srcNPC.npID = 0x31;
     dumpProtocolMsg(&m);
     EXPECT_NE(out.text().find("\n  srcNPC.npID           31 \n"), std::string::npos);
 }
 
-// The sub socket, opened on its private default first (never sent to); then creation failures.
-TEST_F(Debug, SubSocketAndSocketCreationFailures) {
-    const uint8_t byte = 1;
-    EXPECT_EQ(sendHexDump(&byte, 1), -1) << "no network log yet";
+// The sub socket, opened on its private default first (never sent to).
+TEST_F(Debug, SubSocket) {
     EXPECT_EQ(subSocketPrintf("off %d\n", 1), -1) << "no sub socket yet";
-    const DebugPeerAddr broadcast = peerAt(5000, "255.255.255.255"),
-                        sub = peerAt(peer.port() + 1, "127.0.0.1");
+    const DebugPeerAddr sub = peerAt(peer.port() + 1, "127.0.0.1");
     ASSERT_EQ(openSubSocket(nullptr), 0) << "default peer";
-    ASSERT_EQ(openSubSocket(&broadcast), 0) << "already open: keeps the first";
-    ASSERT_EQ(openSubSocket(&sub), 0);
+    ASSERT_EQ(openSubSocket(&sub), 0) << "opened again, for the given peer";
     FdCapture out;
     EXPECT_EQ(subSocketPrintf("a=%d~\n", 5), 0);
     EXPECT_EQ(peer.receive(), "a=5~\n") << "sent as formatted, untranslated";
@@ -164,29 +157,9 @@ TEST_F(Debug, SubSocketAndSocketCreationFailures) {
     EXPECT_EQ(subSocketPrintf("%s", std::string(1600, 's').c_str()), 0);
     EXPECT_EQ(peer.receive(), std::string(1499, 's'));
     EXPECT_EQ(closeSubSocket(), 0);
-    EXPECT_EQ(subSocketEnabled, 0) << "off";
-    EXPECT_EQ(subSocket, -1) << "released";
     EXPECT_EQ(debugLevel, 1) << "threshold kept";
     EXPECT_EQ(subSocketPrintf("closed\n"), -1);
     EXPECT_EQ(out.text(), std::string(1499, 's'));
-    rlimit saved{};
-    getrlimit(RLIMIT_NOFILE, &saved);
-    const int lowestFree = dup(0);
-    close(lowestFree);
-    const rlimit tight{rlim_t(lowestFree), saved.rlim_max};
-    FdCapture err(STDERR_FILENO), msg;
-    setrlimit(RLIMIT_NOFILE, &tight);
-    EXPECT_EQ(openNetLog(&loopback), -1) << "network log without a descriptor";
-    EXPECT_EQ(openSubSocket(&sub), -1) << "sub socket without a descriptor";
-    setrlimit(RLIMIT_NOFILE, &saved);
-    EXPECT_EQ(
-        err.text(),
-        "Creat Morlan socket : Too many open files\nCreat sub socket : Too many open files\n");
-    std::string where = msg.text();
-    where.erase(std::remove_if(where.begin(), where.end(), ::isdigit), where.end());
-    EXPECT_EQ(where, "Msg: debug.cpp,(): Msg: debug.cpp,(): ");
-    EXPECT_EQ(netLogEnabled, 0) << "network log off";
-    EXPECT_EQ(subSocketEnabled, 0) << "sub socket off";
 }
 
 }  // namespace

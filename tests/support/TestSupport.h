@@ -1,4 +1,4 @@
-// Helpers of the test programs: output capture, files, a loopback UDP peer, child processes.
+// Helpers of the test programs: output capture, files, a loopback UDP peer, test reruns.
 #pragma once
 
 #include <arpa/inet.h>
@@ -79,30 +79,6 @@ struct UdpPeer {
     }
     int fd_;
     uint16_t port_ = 0;
-};
-
-// `body` in a forked child with its output in a file; status(): exit code or 128 + signal.
-struct Child {
-    template <typename Body>
-    explicit Child(Body body) : out_(tmpfile()) {
-        fflush(nullptr);
-        pid = fork();
-        if (pid != 0) return;
-        dup2(fileno(out_), STDOUT_FILENO);
-        alarm(20);
-        body();
-        fflush(nullptr);
-        _exit(99);
-    }
-    ~Child() { fclose(out_); }
-    int status() {
-        int s = 0;
-        if (pid <= 0 || waitpid(pid, &s, 0) != pid) return -1;
-        return WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
-    }
-    std::string output() const { return contents(out_); }
-    pid_t pid;
-    FILE* out_;
 };
 
 inline msqid_ds queueStat(int id) {

@@ -78,7 +78,7 @@ names=$(tshark -r "$H_DIR/t.pcapng" -T fields -e frame.interface_name -e frame.c
 grep -q $'^uart rx dropped\tdropped: frame of 10 bytes' <<<"$names" || fail "no drop on uart rx dropped: $names"
 
 # The daemon's own UART is not read behind its back, whatever its name.
-out=$(h_exec a "${cap[@]}" -w /dev/null "$H_PTY_A" 2>&1) && fail "capture opened the daemon's UART"
+out=$(h_exec a timeout 5 "${cap[@]}" -w /dev/null "$H_PTY_A" 2>&1) && fail "capture opened the daemon's UART"
 grep -q "is /dev/zynq_uart0, the UART of SerialToEth.*Use --attach" <<<"$out" || fail "own UART: $out"
 h_check_reports || fail "sanitizer report"
 echo "PASS"

@@ -108,8 +108,8 @@ bool setRaw(int fd, const std::string& path) {
 // and have its line settings changed under it: refused unless forced, the same device under
 // any name (a pseudo-terminal in a test, ttyAMA0 on a board).
 bool isDaemonUart(const std::string& path) {
-    struct stat source {
-    }, uart{};
+    struct stat source {};
+    struct stat uart {};
     return stat(path.c_str(), &source) == 0 && S_ISCHR(source.st_mode) &&
            stat(kDaemonUart, &uart) == 0 && S_ISCHR(uart.st_mode) && source.st_rdev == uart.st_rdev;
 }

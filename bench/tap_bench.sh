@@ -100,15 +100,18 @@ for round in $(seq "$rounds"); do
         if [ "$tree" = base ]; then
             pair "$base"
             transfer base
+            runs+="rss base $(rss_kb "$(h_pid b)")"$'\n'
             continue
         fi
         pair "$tap_daemon"
         transfer nobody
+        runs+="rss nobody $(rss_kb "$(h_pid b)")"$'\n'
         attach a "$H_DIR/a.pcapng" && ra=$reader ja=$job
         attach b "$H_DIR/b.pcapng" && rb=$reader jb=$job
         r0=$(($(cpu_ns "$ra") + $(cpu_ns "$rb")))
         transfer attached
         runs+="readers $(($(cpu_ns "$ra") + $(cpu_ns "$rb") - r0))"$'\n'
+        runs+="rss attached $(rss_kb "$(h_pid b)")"$'\n'
         kill -TERM "$ra" "$rb"
         wait "$ja" "$jb" || true
         attach a "$H_DIR/sa.pcapng" && ra=$reader ja=$job
@@ -125,7 +128,7 @@ for round in $(seq "$rounds"); do
         runs+="lost $(gap_bytes "$H_DIR/sa.pcapng") $(gap_bytes "$H_DIR/sb.pcapng")"$'\n'
     done
     echo "round $round (tag, goodput in bytes/s, CPU of a and b in ns, nanoseconds; bytes lost a, b):"
-    tail -n $((${#trees[@]} == 2 ? 6 : 5)) <<<"${runs%$'\n'}" | sed 's/^/  /'
+    tail -n $((${#trees[@]} == 2 ? 9 : 7)) <<<"${runs%$'\n'}" | sed 's/^/  /'
 done
 
 echo
@@ -150,6 +153,8 @@ for tag in base nobody attached stopped; do
 done
 echo "(mean, and lowest-highest, over the runs; CPU: all threads of the daemon over the transfer)"
 awk '$1 == "readers" {s += $2; n++} END {if (n) printf "readers'"'"' own CPU during an attached transfer: %.3f s (both, mean of %d)\n", s / n / 1e9, n}' <<<"$runs"
+awk '$1 == "rss" {s[$2] += $3; n[$2]++} END {printf "resident memory of b after the transfer (KiB, mean):"
+    for (t in s) printf " %s %d", t, s[t] / n[t]; print ""}' <<<"$runs"
 awk '$1 == "lost" {printf "stopped readers: the daemons counted %d bytes (a) and %d bytes (b) lost, shown as gaps\n", $2, $3}' <<<"$runs"
 
 # Agreement on a noisy line: b's attached view of what it received against the emulator's view.

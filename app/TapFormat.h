@@ -1,8 +1,8 @@
 // The stream that a reader attached to the daemon's tap receives: a header record, then typed
 // records, each a 16-byte head (kind, body length, time stamp) followed by its body. The daemon's
-// tap (WireTap) writes it; serialtoeth-capture --attach reads it. Records never span a gap in
-// the stream, so any transport that keeps the bytes in order (a local socket, a pipe, a file)
-// carries it; the daemon's socket sends whole records only.
+// tap (WireTap) writes it; serialtoeth-capture --attach reads it. Each record says its own length,
+// so any transport that keeps the bytes in order (a local socket, a pipe, a file) carries the
+// stream; the daemon's socket sends whole records only, several to a message.
 #pragma once
 
 #include <cstdint>

@@ -238,7 +238,8 @@ void WireTap::accept() {
             continue;
         }
         if (readerCount_ == 0) {
-            // What the producers left when the last reader went belongs to nobody now.
+            // What the producers left when the last reader went belongs to nobody now. (A record
+            // a producer was making as that reader went may still come: a moment older, no harm.)
             serialReaderRing_.clear();
             dispatcherRing_.clear();
             tunReaderRing_.clear();

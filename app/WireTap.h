@@ -54,7 +54,7 @@ class TapRing {
 class WireTap {
   public:
     static constexpr int kDrainMs = 10;
-    static constexpr uint32_t kMessageSize = 16384;  // records per send, at most
+    static constexpr uint32_t kMessageSize = 16384;  // bytes of whole records per send, at most
 
     WireTap();
     ~WireTap();

@@ -215,6 +215,8 @@ void SerialToEth::run() {
         exit(0);
     }
     requestScheduling(dispatcherThread);
+    // Last, once the bridge runs: without its socket the bridge runs as it would without a tap.
+    (void)wireTap.start(kTapDirectory, kTapSocketPath);
 }
 
 void* SerialToEth::serialSndThread(void* arg) {
@@ -245,10 +247,15 @@ void* SerialToEth::serialSndThread(void* arg) {
         if (ringPutBytes(self->serialRing, self->serialRxBuf, static_cast<uint16_t>(count)) < 0) {
             debugLog(LOG_ERROR, "ERR:Discard %d bytes of data due to full Serial circle buffer!\n",
                      count);
-        } else if (DispatcherWake::serialChunkNeedsPass(self->serialRing, self->serialRxBuf,
-                                                        static_cast<uint32_t>(count))) {
+            self->wireTap.record(TapKind::kSerialRingFull, self->serialRxBuf,
+                                 static_cast<uint32_t>(count));
+            continue;
+        }
+        if (DispatcherWake::serialChunkNeedsPass(self->serialRing, self->serialRxBuf,
+                                                 static_cast<uint32_t>(count))) {
             self->dispatcherWake.wake();
         }
+        self->wireTap.record(TapKind::kUartRx, self->serialRxBuf, static_cast<uint32_t>(count));
     }
     return nullptr;
 }
@@ -271,6 +278,8 @@ void* SerialToEth::rcvSerialThread(void* arg) {
             if (ringPutFrame(self->tunRing, self->tunRxBuf, static_cast<uint16_t>(count)) < 0) {
                 debugLog(LOG_ERROR, "ERR:Discard %d bytes of data due to full tun buffer!\n",
                          static_cast<int>(count));
+                self->wireTap.record(TapKind::kTunRingFull, self->tunRxBuf,
+                                     static_cast<uint32_t>(count));
             } else {
                 self->dispatcherWake.wake();  // every stored frame can be sent
             }
@@ -304,11 +313,16 @@ bool SerialToEth::sendFrameToSerial() {
     int32_t sent = 0;
     for (int attempt = 0; attempt < kSerialWriteAttempts; ++attempt) {
         int32_t n = port->write(serialTxBuf + sent, static_cast<uint32_t>(length - sent));
-        if (n > 0) sent += n;
+        if (n > 0) {
+            wireTap.record(TapKind::kUartTx, serialTxBuf + sent, static_cast<uint32_t>(n));
+            sent += n;
+        }
         if (sent >= length) return more;
         usleep(kPollMicros);
     }
     debugLog(LOG_ERROR, "ERR:Fail to send data to Serial[%dbytes]\n", length - sent);
+    wireTap.record(TapKind::kUartTxUnsent, serialTxBuf + sent,
+                   static_cast<uint32_t>(length - sent));
     return more;
 }
 
@@ -318,6 +332,7 @@ bool SerialToEth::sendPacketToTun() {
     if (length <= 0) return more;
     if (::write(tunFd, tunTxBuf, static_cast<size_t>(length)) != length) {
         debugLog(LOG_ERROR, "ERR:Failed to send data to Tun(%d)!\n", length);
+        wireTap.record(TapKind::kTunWriteFailed, tunTxBuf, static_cast<uint32_t>(length));
     }
     return more;
 }

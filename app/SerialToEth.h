@@ -10,6 +10,7 @@
 #include "ByteRing.h"
 #include "CommPortDriver.h"
 #include "DispatcherWake.h"
+#include "WireTap.h"
 
 class SerialToEth {
   public:
@@ -29,7 +30,7 @@ class SerialToEth {
     SerialToEth(const SerialToEth&) = delete;
     SerialToEth& operator=(const SerialToEth&) = delete;
 
-    // Start-up: TAP interface, serial port, worker threads. Called once, by main.
+    // Start-up: TAP interface, serial port, worker threads, then the tap. Called once, by main.
     void run();
 
     // Interface handling. `name` is a 16-byte (IFNAMSIZ) buffer; tun_alloc writes back the name the
@@ -70,4 +71,5 @@ class SerialToEth {
     uint8_t tunTxBuf[8192];
     uint8_t serialTxBuf[8192];
     DispatcherWake dispatcherWake;
+    WireTap wireTap;  // what the workers read, write and drop, for readers of its socket
 };

@@ -140,22 +140,43 @@ void LineTap::takeAll(int64_t timeNs) {
     }
 }
 
-void LineTap::finish(int64_t timeNs) {
+void LineTap::reportHeld(int64_t timeNs, const char* reason) {
     const uint64_t from = readOffset_ + std::min<uint64_t>(shown_, writeOffset_ - readOffset_);
     if (writeOffset_ > from) {
         const uint32_t held = static_cast<uint32_t>(writeOffset_ - from);
         copyOut(from, held, scratch_);
-        sink_.dropped(from, timeNs, scratch_.data(), held,
-                      format("not delivered: %llu bytes still held at the end of input, "
-                             "waiting for more",
-                             held));
+        sink_.dropped(from, timeNs, scratch_.data(), held, format(reason, held));
     }
     readOffset_ = writeOffset_;
     shown_ = 0;
 }
 
-void WireSummary::add(const std::string& label, const LineTap* tap) {
-    entries_.push_back({label, tap, tap->counts()});
+void LineTap::finish(int64_t timeNs) {
+    reportHeld(timeNs,
+               "not delivered: %llu bytes still held at the end of input, waiting for more");
+}
+
+void LineTap::restart(int64_t timeNs) {
+    reportHeld(timeNs,
+               "not known: %llu bytes held when bytes went missing; what became of them is not "
+               "known, and the extractor starts again after the gap");
+    // This thread is the ring's only user: the consumer's index follows the producer's at once.
+    ring_.readIndex.store(ring_.writeIndex.load(std::memory_order_relaxed),
+                          std::memory_order_relaxed);
+}
+
+void WireSummary::add(const std::string& label, const LineTap* tap, const DaemonCounts* daemon) {
+    entries_.push_back({label, tap, daemon, tap->counts(), daemon ? *daemon : DaemonCounts{}});
+}
+
+std::string WireSummary::Entry::text(const WireCounts& since,
+                                     const DaemonCounts& daemonSince) const {
+    std::string line = label + ": " + wireCountsText(tap->counts(), since);
+    if (daemon == nullptr) return line;
+    return line + ", daemon: discarded " +
+           std::to_string(daemon->discarded - daemonSince.discarded) + ", write failures " +
+           std::to_string(daemon->writeFailures - daemonSince.writeFailures) + ", gaps " +
+           std::to_string(daemon->gapBytes - daemonSince.gapBytes) + " bytes";
 }
 
 void WireSummary::advance(int64_t timeNs) {
@@ -175,9 +196,9 @@ void WireSummary::advance(int64_t timeNs) {
         std::string line = clock;
         for (size_t i = 0; i < entries_.size(); ++i) {
             Entry& e = entries_[i];
-            line +=
-                (i == 0 ? " " : " | ") + e.label + ": " + wireCountsText(e.tap->counts(), e.last);
+            line += (i == 0 ? " " : " | ") + e.text(e.last, e.lastDaemon);
             e.last = e.tap->counts();
+            if (e.daemon != nullptr) e.lastDaemon = *e.daemon;
         }
         fprintf(out_, "%s\n", line.c_str());
         fflush(out_);
@@ -187,8 +208,7 @@ void WireSummary::advance(int64_t timeNs) {
 
 void WireSummary::total() {
     for (const Entry& e : entries_) {
-        fprintf(out_, "total %s: %s\n", e.label.c_str(),
-                wireCountsText(e.tap->counts(), WireCounts{}).c_str());
+        fprintf(out_, "total %s\n", e.text(WireCounts{}, DaemonCounts{}).c_str());
     }
     fflush(out_);
 }

@@ -24,6 +24,14 @@ struct WireCounts {
     uint64_t dropped() const { return tooShort + tooLong + unterminated + shortPayload; }
 };
 
+// What the daemon itself reports for one side of its UART, seen through its tap: chunks or frames
+// it discarded for a full ring, writes that failed, and bytes the tap lost (gaps).
+struct DaemonCounts {
+    uint64_t discarded = 0;
+    uint64_t writeFailures = 0;
+    uint64_t gapBytes = 0;
+};
+
 // "delivered 3, dropped 2 (short 1, payload 1), noise 20 bytes" for the difference now - before;
 // the reasons are short, long, unterminated and payload, each named when it occurred.
 std::string wireCountsText(const WireCounts& now, const WireCounts& before);
@@ -74,6 +82,9 @@ class LineTap {
     }
     // End of input: what the ring still holds is reported.
     void finish(int64_t timeNs);
+    // Bytes are missing from the input here: what the ring holds is reported as of unknown fate,
+    // and the extractor starts again with an empty ring, as the daemon's state is not known.
+    void restart(int64_t timeNs);
 
     const WireCounts& counts() const { return counts_; }
     uint64_t bytesFed() const { return writeOffset_; }
@@ -82,6 +93,7 @@ class LineTap {
     void feedAt(const uint8_t* data, size_t length, int64_t timeNs, int64_t bytesPerSecond);
     void takeAll(int64_t timeNs);
     void dropSpan(uint64_t offset, uint32_t length, int64_t timeNs, const std::string& reason);
+    void reportHeld(int64_t timeNs, const char* reason);
     void copyOut(uint64_t offset, uint32_t length, std::vector<uint8_t>& out) const;
 
     WireSink& sink_;
@@ -97,12 +109,13 @@ class LineTap {
 };
 
 // The summary mode: one line per second of the taps' time stamps,
-// "HH:MM:SS a: delivered ..., noise N bytes | b: ...", each second's own counts.
+// "HH:MM:SS a: delivered ..., noise N bytes | b: ...", each second's own counts; for a side seen
+// through the daemon's tap, followed by ", daemon: discarded N, write failures N, gaps N bytes".
 class WireSummary {
   public:
     // utc: the time stamps are nominal line time from 0 (shown as elapsed time), not the clock.
     WireSummary(FILE* out, bool utc) : out_(out), utc_(utc) {}
-    void add(const std::string& label, const LineTap* tap);
+    void add(const std::string& label, const LineTap* tap, const DaemonCounts* daemon = nullptr);
     // Prints a line for every whole second that ended at or before timeNs.
     void advance(int64_t timeNs);
     // A closing line per tap with the counts since the start.
@@ -112,7 +125,10 @@ class WireSummary {
     struct Entry {
         std::string label;
         const LineTap* tap;
+        const DaemonCounts* daemon;
         WireCounts last;
+        DaemonCounts lastDaemon;
+        std::string text(const WireCounts& since, const DaemonCounts& daemonSince) const;
     };
     FILE* out_;
     bool utc_;

@@ -56,14 +56,16 @@ PcapngCapture::PcapngCapture(int fd, const std::string& application) {
 
 PcapngCapture::~PcapngCapture() = default;
 
-WireSink& PcapngCapture::addDirection(const std::string& label, const std::string& source) {
+WireSink& PcapngCapture::addDirection(const std::string& label, const std::string& source,
+                                      const std::string& receiver) {
     uint32_t deliveredId = 0, droppedId = 0;
     if (writer_ != nullptr) {
         deliveredId = writer_->addInterface(
-            kLinkEthernet, label, "packets the daemon would write to uart2eth0, from " + source);
-        droppedId = writer_->addInterface(
-            kLinkRawBytes, label + " dropped",
-            "bytes the daemon would drop, from " + source + "; the reason is the packet comment");
+            kLinkEthernet, label,
+            "packets " + receiver + " would write to uart2eth0, from " + source);
+        droppedId = writer_->addInterface(kLinkRawBytes, label + " dropped",
+                                          "bytes " + receiver + " would drop, from " + source +
+                                              "; the reason is the packet comment");
     }
     directions_.push_back(std::make_unique<Direction>(*this, deliveredId, droppedId));
     return *directions_.back();

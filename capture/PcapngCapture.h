@@ -25,7 +25,9 @@ class PcapngCapture {
     PcapngCapture& operator=(const PcapngCapture&) = delete;
 
     // Declares a direction's two interfaces; add every direction before the first packet.
-    WireSink& addDirection(const std::string& label, const std::string& source);
+    // receiver: who would deliver or drop what the direction carries, as the descriptions say.
+    WireSink& addDirection(const std::string& label, const std::string& source,
+                           const std::string& receiver = "the daemon");
     // Writes the noise held so far, oldest first (after a pause on the line, and at the end).
     void flushNoise();
     // False once a write failed (the reader went away).

@@ -3,13 +3,18 @@
 // and every run of bytes it would drop on a raw-bytes interface, its reason as packet comment.
 //
 // Usage: serialtoeth-capture [-w FILE] [--summary] [--label NAME]... [--chunk N] SOURCE [SOURCE]
+//        serialtoeth-capture --attach [--socket PATH] [-w FILE] [--summary] [--chunk N]
 // One SOURCE per direction: a serial device (opened read-only, raw, 576000 baud), a file, or "-".
 // Bytes from devices, pipes and terminals carry the time they were read; bytes from a regular
-// file carry a nominal time, their offset at 57600 bytes per second counted from 0.
+// file carry a nominal time, their offset at 57600 bytes per second counted from 0. --attach reads
+// the running daemon's own view of its UART from its tap socket instead. The program also answers
+// Wireshark's extcap calls (--extcap-interfaces, --extcap-dlts, --extcap-config, --capture).
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -25,6 +30,7 @@
 
 #include "LineTap.h"
 #include "PcapngCapture.h"
+#include "TapView.h"
 
 namespace {
 
@@ -33,6 +39,8 @@ constexpr int64_t kLineBytesPerSecond = 57600;  // 576000 baud, ten bit times pe
 constexpr size_t kFileBlock = 576;              // 10 ms of nominal line time
 constexpr size_t kReadSize = 4096;              // the daemon's serial read size
 constexpr int kNoiseIdleMs = 200;               // a pause this long ends a noise packet
+constexpr const char* kDaemonUart = "/dev/zynq_uart0";
+constexpr const char* kExtcapInterface = "serialtoeth";
 
 volatile sig_atomic_t stopRequested = 0;
 void onStop(int) {
@@ -50,16 +58,22 @@ int usage(const char* error) {
     if (error != nullptr) fprintf(stderr, "%s: %s\n", kProgram, error);
     fprintf(error != nullptr ? stderr : stdout,
             "usage: %s [-w FILE] [--summary] [--label NAME]... [--chunk N] SOURCE [SOURCE]\n"
+            "       %s --attach [--socket PATH] [-w FILE] [--summary] [--chunk N]\n"
             "  SOURCE        serial device (read-only, raw, 576000 baud), file of raw bytes, or -\n"
             "                for standard input; a second SOURCE is the other direction\n"
+            "  --attach      the running daemon's line as it reads and writes it, from its tap\n"
+            "                (root only); --socket: the tap's socket (default %s)\n"
+            "  --force       read a SOURCE that is the daemon's own UART all the same\n"
             "  -w FILE       write pcapng to FILE (- for standard output, the default when it is\n"
             "                not a terminal)\n"
             "  --summary     print one line per second: delivered, dropped by reason, noise\n"
             "  --label NAME  name of the next source's direction in the capture (default: the\n"
             "                name below /dev, or the file name)\n"
             "  --chunk N     bytes handed to the extractor at a time (default 1: a daemon that\n"
-            "                keeps up byte by byte)\n",
-            kProgram);
+            "                keeps up byte by byte)\n"
+            "  --extcap-interfaces, --extcap-dlts, --extcap-config, --capture --fifo PATH:\n"
+            "                Wireshark's extcap calls (interface %s, the same as --attach)\n",
+            kProgram, kProgram, kTapSocketPath, kExtcapInterface);
     return 2;
 }
 
@@ -90,9 +104,26 @@ bool setRaw(int fd, const std::string& path) {
     return true;
 }
 
-bool openSource(Source& s) {
+// The daemon's UART read here would lose the daemon its bytes (a tty hands each to one reader)
+// and have its line settings changed under it: refused unless forced, the same device under
+// any name (a pseudo-terminal in a test, ttyAMA0 on a board).
+bool isDaemonUart(const std::string& path) {
+    struct stat source {};
+    struct stat uart {};
+    return stat(path.c_str(), &source) == 0 && S_ISCHR(source.st_mode) &&
+           stat(kDaemonUart, &uart) == 0 && S_ISCHR(uart.st_mode) && source.st_rdev == uart.st_rdev;
+}
+
+bool openSource(Source& s, bool force) {
     if (s.path == "-") {
         s.fd = STDIN_FILENO;
+    } else if (!force && isDaemonUart(s.path)) {
+        fprintf(stderr,
+                "%s: %s is %s, the UART of SerialToEth: reading it would take bytes from the "
+                "daemon and change its line settings. Use --attach to see what the daemon reads "
+                "and writes (--force to read it all the same, with the daemon stopped)\n",
+                kProgram, s.path.c_str(), kDaemonUart);
+        return false;
     } else {
         s.fd = open(s.path.c_str(), O_RDONLY | O_NOCTTY);
         if (s.fd < 0) {
@@ -122,6 +153,100 @@ int64_t nominalNs(uint64_t offset) {
     return LineTap::nominalNs(offset, kLineBytesPerSecond);
 }
 
+void onStopSignals() {
+    struct sigaction sa {};
+    sa.sa_handler = onStop;
+    sigaction(SIGTERM, &sa, nullptr);  // also how Wireshark ends an extcap capture
+    sigaction(SIGINT, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);  // a reader that goes away ends the capture through write errors
+}
+
+int connectTap(const std::string& path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) {
+        fprintf(stderr, "%s: %s: socket path too long\n", kProgram, path.c_str());
+        return -1;
+    }
+    memcpy(addr.sun_path, path.c_str(), path.size());
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+    const int error = errno;
+    const char* hint = error == EACCES || error == EPERM          ? " (only root may attach)"
+                       : error == ENOENT || error == ECONNREFUSED ? " (is SerialToEth running?)"
+                                                                  : "";
+    fprintf(stderr, "%s: cannot attach to %s: %s%s\n", kProgram, path.c_str(), strerror(error),
+            hint);
+    if (fd >= 0) close(fd);
+    return -1;
+}
+
+// --attach: the tap's records through the decoder into the view, until the daemon closes the
+// tap, the output's reader goes away or a signal ends the capture.
+int attach(const std::string& socketPath, int outFd, bool summary, size_t chunk) {
+    const int fd = connectTap(socketPath);
+    if (fd < 0) return 1;
+    onStopSignals();
+    PcapngCapture capture(outFd, std::string(kProgram) + " (SerialToEth line capture, attached)");
+    TapView view(capture, chunk);
+    WireSummary lines(outFd == STDOUT_FILENO ? stderr : stdout, false);
+    if (summary) {
+        for (TapView::Side* side : {&view.rx(), &view.tx()})
+            lines.add(side->label, side->tap.get(), &side->daemon);
+    }
+    TapDecoder decoder;
+    std::vector<uint8_t> buf(65536);  // above the daemon's largest message
+    int64_t lastInputNs = 0;
+    while (!stopRequested && capture.ok()) {
+        pollfd p{fd, POLLIN, 0};
+        const int r = poll(&p, 1, kNoiseIdleMs);
+        if (r < 0 && errno != EINTR) break;
+        const int64_t now = realtimeNs();
+        if (summary) lines.advance(now);
+        if (r <= 0) {
+            if (now - lastInputNs >= kNoiseIdleMs * 1000000ll) capture.flushNoise();
+            continue;
+        }
+        const ssize_t n = recv(fd, buf.data(), buf.size(), 0);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n <= 0) {
+            fprintf(stderr, "%s: the daemon closed its tap\n", kProgram);
+            break;
+        }
+        lastInputNs = now;
+        const bool read = decoder.feed(buf.data(), size_t(n), view);
+        if (!read || !view.refusal().empty()) {
+            fprintf(
+                stderr, "%s: %s: %s\n", kProgram, socketPath.c_str(),
+                read ? ("the daemon refuses: " + view.refusal()).c_str() : decoder.error().c_str());
+            close(fd);
+            return 1;
+        }
+    }
+    view.finish(realtimeNs());
+    capture.flushNoise();
+    if (summary) lines.total();
+    close(fd);
+    return 0;
+}
+
+// Wireshark's questions to an extcap program; true when args held one (it is answered).
+bool answerExtcap(bool interfaces, bool dlts, bool config) {
+    if (interfaces) {
+        printf("extcap {version=%s}{help=man serialtoeth-capture}\n", S2E_VERSION);
+        printf("interface {value=%s}{display=SerialToEth serial line, the daemon's view (root)}\n",
+               kExtcapInterface);
+    } else if (dlts) {
+        printf("dlt {number=1}{name=EN10MB}{display=Ethernet}\n");
+    } else if (config) {
+        printf(
+            "arg {number=0}{call=--socket}{display=Tap socket}{type=string}{default=%s}"
+            "{tooltip=The daemon's tap; only root may attach}\n",
+            kTapSocketPath);
+    }
+    return interfaces || dlts || config;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -130,10 +255,36 @@ int main(int argc, char** argv) {
     size_t chunk = 1;
     std::vector<Source> sources;
     std::string pendingLabel;
+    bool attaching = false, force = false;
+    std::string socketPath = kTapSocketPath;
+    bool extcapInterfaces = false, extcapDlts = false, extcapConfig = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-        if (a == "-w") {
+        if (a == "--attach" || a == "--capture") {
+            attaching = true;
+        } else if (a == "--socket" || a == "--fifo") {
+            const char* v = value();
+            if (v == nullptr) return usage((a + " needs a path").c_str());
+            (a == "--socket" ? socketPath : output) = v;
+        } else if (a == "--force") {
+            force = true;
+        } else if (a == "--extcap-interfaces") {
+            extcapInterfaces = true;
+        } else if (a == "--extcap-dlts") {
+            extcapDlts = true;
+        } else if (a == "--extcap-config") {
+            extcapConfig = true;
+        } else if (a == "--extcap-interface") {
+            const char* v = value();
+            if (v == nullptr || std::string(v) != kExtcapInterface)
+                return usage("the only extcap interface is serialtoeth");
+        } else if (a.compare(0, 17, "--extcap-version=") == 0) {
+            // Every version so far speaks the calls answered here.
+        } else if (a == "--extcap-capture-filter") {
+            if (value() != nullptr)
+                fprintf(stderr, "%s: capture filters are not applied here\n", kProgram);
+        } else if (a == "-w") {
             const char* v = value();
             if (v == nullptr) return usage("-w needs a file name");
             output = v;
@@ -161,7 +312,9 @@ int main(int argc, char** argv) {
             sources.push_back(std::move(s));
         }
     }
-    if (sources.empty() || sources.size() > 2) return usage("one or two sources");
+    if (answerExtcap(extcapInterfaces, extcapDlts, extcapConfig)) return 0;
+    if (attaching ? !sources.empty() : sources.empty() || sources.size() > 2)
+        return usage(attaching ? "--attach takes no source" : "one or two sources");
     if (output.empty() && !summary) {
         if (isatty(STDOUT_FILENO))
             return usage("pcapng is not for a terminal: use -w or --summary");
@@ -178,15 +331,15 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
-    for (Source& s : sources) {
-        if (!openSource(s)) return 1;
+    if (attaching) {
+        const int status = attach(socketPath, outFd, summary, chunk);
+        if (outFd >= 0 && outFd != STDOUT_FILENO) close(outFd);
+        return status;
     }
-
-    struct sigaction sa {};
-    sa.sa_handler = onStop;
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGINT, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);  // a reader that goes away ends the capture through write errors
+    for (Source& s : sources) {
+        if (!openSource(s, force)) return 1;
+    }
+    onStopSignals();
 
     PcapngCapture capture(outFd, std::string(kProgram) + " (SerialToEth line capture)");
     bool anyLive = false;

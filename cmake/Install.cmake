@@ -30,6 +30,17 @@ s2e_install_man(SerialToEth.8)
 # The line capture tool, a user's program, in the same package.
 install(TARGETS serialtoeth-capture RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 s2e_install_man(serialtoeth-capture.1)
+# ... and Wireshark's extcap of the daemon's line: a link where Debian's Wireshark looks for them,
+# four levels below the prefix, to the program.
+if(CMAKE_LIBRARY_ARCHITECTURE)
+    file(MAKE_DIRECTORY ${_s2e_pkg_gen}/extcap)
+    file(CREATE_LINK ../../../../${CMAKE_INSTALL_BINDIR}/serialtoeth-capture
+         ${_s2e_pkg_gen}/extcap/serialtoeth-capture SYMBOLIC)
+    install(FILES ${_s2e_pkg_gen}/extcap/serialtoeth-capture
+            DESTINATION lib/${CMAKE_LIBRARY_ARCHITECTURE}/wireshark/extcap)
+else()
+    message(WARNING "No multiarch triplet known: the extcap link for Wireshark is left out")
+endif()
 
 # The scripts and the unit name the daemon's installed path, which is only known at install time
 # (`cmake --install --prefix`, CPack's /usr), so they are generated then.

@@ -12,7 +12,8 @@
 #                                   start a daemon in new net, mount, IPC and PID namespaces; in
 #                                   its mount namespace /dev is a tmpfs holding only null, zero,
 #                                   random, urandom, tty, ptmx, pts, net/tun (unless --no-tun) and
-#                                   zynq_uart0 -> PATH (unless --no-serial); IPv6 is off there.
+#                                   zynq_uart0 -> PATH (unless --no-serial); IPv6 is off there,
+#                                   and /run is a tmpfs of its own (the tap's socket, pid files).
 #                                   Returns once the daemon has started its dispatcher thread.
 #                                   --boot-script: started as on the board, by the boot script
 #                                   (packaging/init.d/S80serialtoeth.in start) with its watcher
@@ -106,6 +107,7 @@ h_inner() {
     fi
     [ -n "$pty" ] && ln -s "$pty" "$stage/zynq_uart0"
     mount --move "$stage" /dev
+    mount -t tmpfs -o mode=0755,size=1m s2e-run /run
     ip link set lo up
     sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
     if [ -x "$S2E_TESTBED_DIR/supervisor_emu" ]; then

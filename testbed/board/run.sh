@@ -9,7 +9,8 @@
 #                 (default 100000) checked end to end, status record and monitor ticks read back
 #                 with supervisor_emu, then on a: the boot script's restart, stop and start
 #       c         UART on a pseudo-terminal that a daemon built for this machine (the end-to-end
-#                 harness, in namespaces of its own) uses as its UART: ping both ways
+#                 harness, in namespaces of its own) uses as its UART: ping both ways; on c,
+#                 serialtoeth-capture --attach --summary shows noise written into that UART
 #       all       power-off through busybox's rcK, which stops the daemon
 #   testbed/board/run.sh boot      boot one board alone, check its UART settings, daemon and status
 #                                record, power it off (the boot time of a single board)
@@ -374,6 +375,26 @@ check "after stop: status exits 3 and no SerialToEth runs" eval \
     'grep -qx "exit 3" <<<"$out" && ! grep -qE "^[0-9]+( |\$)" <<<"$out"'
 out=$(board_run a 30 '/etc/init.d/S80serialtoeth start') || true
 check "start: $out" grep -q "Starting SerialToEth: OK" <<<"$out"
+
+# board_tap_check NAME PTY PEER ADDRESS: serialtoeth-capture --attach --summary on the board while
+# this machine writes 600 bytes of noise into its UART (through the pseudo-terminal whose other end
+# QEMU holds) and PEER, the harness's daemon on that line, pings ADDRESS on it: the attached
+# summary must count the noise and the delivered frames.
+board_tap_check() {
+    local name=$1 pty=$2 peer=$3 address=$4 out rx noise delivered
+    echo "== $name: serialtoeth-capture --attach --summary, noise written into its UART, pings from $peer"
+    (sleep 1.5 && head -c 600 /dev/zero | tr '\0' A >"$pty" &&
+        h_exec "$peer" ping -c 5 -i 0.2 "$address" >/dev/null 2>&1) &
+    out=$(board_run "$name" 20 'timeout 5 serialtoeth-capture --attach --summary') || true
+    wait $! || true
+    rx=$(grep '^total uart rx:' <<<"$out" || true)
+    echo "  $(grep -c '^[0-9:]* uart rx:' <<<"$out" || true) lines per second, then: ${rx:-$out}"
+    noise=$(sed -n 's/.* noise \([0-9]*\) bytes.*/\1/p' <<<"$rx")
+    delivered=$(sed -n 's/.*: delivered \([0-9]*\),.*/\1/p' <<<"$rx")
+    check "$name: the attached view shows the 600 bytes of noise (${noise:-none}) and the pings (${delivered:-none} delivered)" \
+        eval '[ "${noise:-0}" -ge 600 ] && [ "${delivered:-0}" -ge 5 ]'
+}
+board_tap_check c "$pty" host 10.78.0.1
 
 boards_finish a b c
 summary

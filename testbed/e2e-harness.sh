@@ -15,8 +15,8 @@
 #                                   zynq_uart0 -> PATH (unless --no-serial); IPv6 is off there.
 #                                   Returns once the daemon has started its dispatcher thread.
 #                                   --boot-script: started as on the board, by the boot script
-#                                   (packaging/init.d/S80serialtoeth.in start) with its watcher
-#                                   (packaging/serialtoeth-watch) in force; its pid file is
+#                                   (packaging/init.d/S80serialtoeth.in start) and so under its
+#                                   supervisor (packaging/serialtoeth-supervise); its pid file is
 #                                   $H_DIR/NAME.pid, as the namespace sees it, and /sys is that
 #                                   network namespace's.
 #   h_find_daemon NAME              find the daemon's pid again, after a restart; fails if none
@@ -116,7 +116,6 @@ h_inner() {
     if [ -n "$boot" ]; then
         mount -t sysfs s2e-sys /sys
         S2E_DAEMON_BIN=$S2E_DAEMON S2E_PIDFILE=$boot.pid S2E_LOGFILE=$out \
-            S2E_WATCH_BIN=$S2E_SOURCE_DIR/packaging/serialtoeth-watch \
             "$boot.S80serialtoeth" start
         # This shell is the namespace's first process: it stays, and reaps what the script leaves.
         while :; do sleep 3600; done
@@ -136,9 +135,10 @@ h_daemon_start() {
             --boot-script)
                 [ -z "$S2E_EMULATOR" ] || h_die "--boot-script runs the build machine's daemon only"
                 boot=$H_DIR/$name
-                # An executable copy: the watcher restarts the daemon through the script's path.
-                install -m 0755 "$S2E_SOURCE_DIR/packaging/init.d/S80serialtoeth.in" \
-                    "$boot.S80serialtoeth" ;;
+                # The script as installed, with the supervisor of the source tree.
+                sed "s|@S2E_SUPERVISE_PATH@|$S2E_SOURCE_DIR/packaging/serialtoeth-supervise|" \
+                    "$S2E_SOURCE_DIR/packaging/init.d/S80serialtoeth.in" >"$boot.S80serialtoeth"
+                chmod 0755 "$boot.S80serialtoeth" ;;
             *) h_die "unknown option $1" ;;
         esac
         shift

@@ -174,15 +174,18 @@ h_daemon_start() {
         { cat "$out" >&2; h_die "daemon $name did not start"; }
 }
 
-# The daemon is the namespace's first process's child, or its orphan when a script started it.
+# The daemon is the namespace's first process's child, or, when a boot script started it, the
+# child of its supervisor, which that process has adopted.
 h_find_daemon() {
-    local p
+    local p q
     for p in $(cat "/proc/${H_SHELL[$1]}/task/${H_SHELL[$1]}/children" 2>/dev/null); do
-        if [ "$(cat "/proc/$p/comm" 2>/dev/null)" = SerialToEth ] &&
-            ! grep -q '^State:[[:space:]]*Z' "/proc/$p/status" 2>/dev/null; then
-            H_DPID[$1]=$p
-            return 0
-        fi
+        for q in "$p" $(cat "/proc/$p/task/$p/children" 2>/dev/null); do
+            if [ "$(cat "/proc/$q/comm" 2>/dev/null)" = SerialToEth ] &&
+                ! grep -q '^State:[[:space:]]*Z' "/proc/$q/status" 2>/dev/null; then
+                H_DPID[$1]=$q
+                return 0
+            fi
+        done
     done
     return 1
 }

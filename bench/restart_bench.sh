@@ -10,10 +10,11 @@
 #       uart2eth0 held by another program (not udhcpc) for M minutes (default 10): a's starts, the
 #       "killall udhcpc" runs (a counting stand-in bound over /usr/bin/killall), the bytes of a's
 #       log or journal; then the holder lets go: seconds to the first reply of a ping a -> b
-#   bench/restart_bench.sh flood busybox|debian|unit [--minutes M]
+#   bench/restart_bench.sh flood busybox|debian|unit [--minutes M] [--unshaped]
 #       full-size flood pings both ways for M minutes: the daemon's ERR lines; the largest sizes of
 #       the log and its .old seen once a second; under the unit the journal lines kept and
-#       suppressed, and the lines of another unit that logs once a second meanwhile
+#       suppressed, and the lines of another unit that logs once a second meanwhile. --unshaped:
+#       a with S2E_SHAPE=off, so that its rings overflow and it prints the most
 #   bench/restart_bench.sh identity busybox|debian|unit [--networkd]
 #       a's daemon SIGKILLed during a ping b -> a every 0.2 s: seconds from the kill to the first
 #       reply, b's neighbour entry for a before and after (under the unit with --networkd: the
@@ -21,7 +22,7 @@
 #   [--build DIR]  the build tree (default build/default)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
-build=$here/build/default minutes=10 networkd=""
+build=$here/build/default minutes=10 networkd="" unshaped=""
 args=("$@")
 what=${1:?usage: $0 busy|flood|identity busybox|debian|unit [--minutes M] [--networkd]}
 init=${2:?usage: $0 busy|flood|identity busybox|debian|unit}
@@ -31,6 +32,7 @@ while [ $# -gt 0 ]; do
         --build) build=$2; shift ;;
         --minutes) minutes=$2; shift ;;
         --networkd) networkd=1 ;;
+        --unshaped) unshaped=1 ;;
         *) echo "unknown option $1" >&2; exit 2 ;;
     esac
     shift
@@ -98,6 +100,7 @@ if [ -n "$networkd" ]; then
 else
     printf 'S2E_UART=%s\nS2E_ADDRESS=10.99.0.1/24\nS2E_HWADDR=02:53:32:45:00:01\n' "$H_PTY_A" >/etc/default/serialtoeth
 fi
+[ -z "$unshaped" ] || echo S2E_SHAPE=off >>/etc/default/serialtoeth
 a_ping_until_reply() { # seconds from now to the first reply of a ping a -> b (600 s at most)
     local t0 i
     t0=$(now)
@@ -139,9 +142,9 @@ flood)
         systemd-run --quiet --unit=s2e-canary sh -c "for i in \$(seq $((minutes * 60))); do echo canary \$i; sleep 1; done"
         since=$(date '+%Y-%m-%d %H:%M:%S')
     fi
-    ping -f -q -s 1472 -w $((minutes * 60)) 10.99.0.2 >"$dir/fa.txt" 2>&1 &
+    ping -f -l 32 -q -s 1472 -w $((minutes * 60)) 10.99.0.2 >"$dir/fa.txt" 2>&1 &
     pa=$!
-    h_exec b ping -f -q -s 1472 -w $((minutes * 60)) 10.99.0.1 >"$dir/fb.txt" 2>&1 &
+    h_exec b ping -f -l 32 -q -s 1472 -w $((minutes * 60)) 10.99.0.1 >"$dir/fb.txt" 2>&1 &
     pb=$!
     max_cur=0 max_old=0 written=0 prev=0
     # The supervisor's own CPU with that of the helpers it has waited for (not the daemon's, which
@@ -160,7 +163,7 @@ flood)
         sleep 1
     done
     wait "$pa" "$pb" || true
-    say "init=$init flood_minutes=$minutes"
+    say "init=$init flood_minutes=$minutes${unshaped:+ (a unshaped)}"
     say "a->b: $(grep -o '[0-9]* packets transmitted, [0-9]* received' "$dir/fa.txt")"
     say "b->a: $(grep -o '[0-9]* packets transmitted, [0-9]* received' "$dir/fb.txt")"
     if [ -n "$log" ]; then

@@ -33,7 +33,7 @@ s80=/etc/init.d/S80serialtoeth log=$S2E_LOGFILE defaults=/etc/default/serialtoet
 mode() { echo "$1" >"$STANDIN"; }
 ours() { pgrep -f "$1" | wc -l; }  # processes matching $1: only this test's namespaces are seen
 daemon() { cat /var/run/serialtoeth.pid 2>/dev/null; }
-up_again() { wait_until "$1" eval '[ "$(cat /var/run/serialtoeth.pid 2>/dev/null)" != "$2" ] && "$s80" status >/dev/null'; }
+up_again() { old=$2 && wait_until "$1" eval '[ "$(daemon)" != "$old" ] && "$s80" status >/dev/null'; }  # a new daemon runs
 kill_daemon() { pid=$(daemon) && kill "$pid"; }  # the supervisor's reason to restart
 expect() { # ACTION RC OUTPUT
     local rc=0 out

@@ -12,10 +12,10 @@ cpack -G DEB --config "$S2E_BINARY_DIR/CPackConfig.cmake" -B "$work" >/dev/null
 inside() {
     set -euo pipefail
     local deb=$1 bed=$2 a b pid holder rx
-    fail() { echo "FAIL: $*"; journalctl -u serialtoeth --no-pager | tail -n 30; exit 1; }
+    fail() { echo "FAIL: $*"; journalctl -u serialtoeth -o cat | grep -E '^serialtoeth|Main process' | tail -n 20; exit 1; }
     main() { systemctl show -P MainPID serialtoeth; }
     identity() { [ "$({ ip -br link show uart2eth0 && ip -br -4 addr show uart2eth0; } 2>/dev/null | awk '{printf "%s ", $3}')" = "02:53:32:45:00:01 10.99.0.1/24 " ]; }
-    restarted() { wait_until "$1" eval '[ "$(main)" != "$2" ] && [ "$(main)" != 0 ] && identity'; }
+    restarted() { old=$2 && wait_until "$1" eval '[ "$(main)" != "$old" ] && [ "$(main)" != 0 ] && identity'; }
     dpkg -i "$deb" >/dev/null
     [ -e /etc/rc2.d/K01serialtoeth ] || fail "init script not registered (disabled)"
     "$bed/line_emu" --info /run/line 2>/dev/null & wait_until 20 eval '[ -s /run/line ]' || fail "line emulator"

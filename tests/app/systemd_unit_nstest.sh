@@ -54,7 +54,7 @@ time.sleep(60)' &
     tc qdisc show dev uart2eth0 | grep -E '^qdisc (cake|htb|tbf) [0-9a-f]+: root' >/dev/null && identity || fail "init script: uart2eth0 not shaped, or without its identity"
     /etc/init.d/serialtoeth stop >/dev/null && [ "$(/etc/init.d/serialtoeth status >/dev/null; echo $?)" = 3 ] || fail "init script stop: status not 3"
     dpkg --purge serialtoeth >/dev/null || fail "purge"
-    [ ! -e /etc/rc2.d/K01serialtoeth ] && [ ! -e /etc/systemd/system/multi-user.target.wants/serialtoeth.service ] || fail "init script or unit enabled after purge"
+    [ ! -L /etc/rc2.d/K01serialtoeth ] && [ ! -L /etc/systemd/system/multi-user.target.wants/serialtoeth.service ] || fail "init script or unit enabled after purge"
     echo "PASS"
 }
 "$S2E_SOURCE_DIR/testbed/sdrun" --bind-ro "$work" --bind-ro "$S2E_TESTBED_DIR" bash -c "$(declare -f inside wait_until); inside $work/*.deb '$S2E_TESTBED_DIR'"

@@ -1,4 +1,5 @@
 // Daemon entry: start-up in its fixed order, then the main thread parks for good.
+#include <stdio.h>
 #include <unistd.h>
 
 #include "BlemacMapIpManager.h"
@@ -7,6 +8,10 @@
 #include "SerialToEth.h"
 
 int main() {
+    // Line-buffered even into a file or a pipe: each line reaches the log or the journal when it
+    // is printed, not a buffer later, and a kill loses no line already printed.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+
     // Step 1: the shared map table, attached before anything else starts.
     BlemacMapIpManager::instance();
 

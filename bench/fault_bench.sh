@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # Fault benchmark: what the link does when the field goes wrong. Two bridges over the emulated
 # 57600 bytes/s line (the board's UART driver: --rx-fifo 56 --rx-timeout 4), each started as on the
-# board by the boot script with its watcher (packaging/serialtoeth-watch) in force, a ping a -> b
+# board by the boot script and so under its supervisor (packaging/serialtoeth-supervise), a ping a -> b
 # every 0.2 s for the whole run; then each fault in turn, with a TCP transfer a -> b (checked byte
 # by byte) started 2 s before it. One row per fault: the daemons alive afterwards, seconds from the
 # fault's end to the first ping reply, each daemon's CPU during the fault, resident memory and open
 # descriptors before and after, the lines with "ERR" each daemon printed, and whether the transfer
 # completed intact. The texts of those lines follow the table.
 #
-# Each side's network configuration is stood in for by a loop that gives a new uart2eth0 its
-# address and a fixed hardware address (a restarted daemon makes a new interface without either).
+# Each side's supervisor gives a new uart2eth0 its address and a fixed hardware address after
+# every start (S2E_ADDRESS, S2E_HWADDR), as it would on a board from its defaults file.
 #
 # Usage (as root, from a build tree):
 #   bench/fault_bench.sh [--build DIR] [--flood S] [--quick] [--only NAME,...]
@@ -35,12 +35,6 @@ while [ $# -gt 0 ]; do
     shift
 done
 source "$here/bench/bench-common.sh"
-# The daemon's output to a file is block-buffered: line-buffered here, so that each row gets the
-# lines printed during it. The wrapper bears the daemon's name, which the boot script checks.
-mkdir "$H_DIR/bin"
-printf '#!/bin/sh\nexec stdbuf -oL -eL %s "$@"\n' "$S2E_DAEMON" >"$H_DIR/bin/SerialToEth"
-chmod +x "$H_DIR/bin/SerialToEth"
-S2E_DAEMON=$H_DIR/bin/SerialToEth
 bg_pids=()
 bench_teardown() {
     local p
@@ -79,11 +73,16 @@ started_after() {
     awk -v u="$up0" -v hz="$clk_tck" '{ sub(/.*\) /, ""); printf "%.1f", $20 / hz - u }' "/proc/$1/stat"
 }
 log_size() { stat -c %s "$(h_out "$1")"; }
+# Each side's identity, as its defaults file would give it.
+identity() {
+    [ "$1" = a ] && echo "S2E_ADDRESS=10.99.0.1/24 S2E_HWADDR=02:53:32:45:00:01" ||
+        echo "S2E_ADDRESS=10.99.0.2/24 S2E_HWADDR=02:53:32:45:00:02"
+}
 # The boot script as the administrator runs it in that side's namespaces.
 s80() {
+    # shellcheck disable=SC2046 # the identity's two words
     h_exec "$1" env S2E_DAEMON_BIN="$S2E_DAEMON" S2E_PIDFILE="$H_DIR/$1.pid" \
-        S2E_LOGFILE="$(h_out "$1")" S2E_WATCH_BIN="$here/packaging/serialtoeth-watch" \
-        "$H_DIR/$1.S80serialtoeth" "$2"
+        S2E_LOGFILE="$(h_out "$1")" $(identity "$1") "$H_DIR/$1.S80serialtoeth" "$2"
 }
 # Waits until the side runs a daemon with uart2eth0 up and its address; sets H_DPID.
 wait_side() {
@@ -106,24 +105,14 @@ wait_new_daemon() {
 }
 
 h_line_start --rx-fifo 56 --rx-timeout 4 --seed 11
-h_daemon_start a --pty "$H_PTY_A" --boot-script
-h_daemon_start b --pty "$H_PTY_B" --boot-script
-for side in a b; do
-    [ $side = a ] && addr=10.99.0.1/24 mac=02:53:32:45:00:01 || addr=10.99.0.2/24 mac=02:53:32:45:00:02
-    h_exec $side sh -c "while :; do
-        if [ -e /sys/class/net/uart2eth0 ] && ! ip -4 -o addr show dev uart2eth0 | grep inet >/dev/null; then
-            ip link set dev uart2eth0 address $mac && ip addr add $addr dev uart2eth0
-        fi
-        sleep 0.1
-    done" 2>/dev/null &
-    bg_pids+=($!)
-done
+S2E_ADDRESS=10.99.0.1/24 S2E_HWADDR=02:53:32:45:00:01 h_daemon_start a --pty "$H_PTY_A" --boot-script
+S2E_ADDRESS=10.99.0.2/24 S2E_HWADDR=02:53:32:45:00:02 h_daemon_start b --pty "$H_PTY_B" --boot-script
 wait_side a && wait_side b || h_die "the daemons did not come up"
 h_exec a ping -c 3 -i 0.2 -W 2 -q 10.99.0.2 >/dev/null || h_die "no ping over the line"
 h_exec a ping -D -O -i 0.2 -W 1 10.99.0.2 >"$H_DIR/ping.log" 2>&1 &
 bg_pids+=($!)
 echo "SerialToEth fault benchmark: line $line_rate bytes/s each way, receiving UART --rx-fifo 56" \
-     "--rx-timeout 4, both daemons under the boot script and its watcher, ping a -> b every 0.2 s," \
+     "--rx-timeout 4, both daemons under the boot script and its supervisor, ping a -> b every 0.2 s," \
      "a TCP transfer a -> b of $transfer_bytes bytes around each fault, floods of $flood s"
 
 # Crafted line bytes: over-long frames (4000 bytes between flags, and runs of 3500 bytes that
@@ -173,10 +162,10 @@ fault_kill_far() {
     old=$(h_pid b)
     t_start=$(now)
     kill -KILL "$old"
-    # The boot script's watcher starts it again; the fault ends when the new daemon is up.
+    # The supervisor starts it again; the fault ends when the new daemon is up.
     wait_new_daemon b "$old"
     t_end=$(now)
-    note="SIGKILL; watcher restarted it after $(started_after "$(h_pid b)") s"
+    note="SIGKILL; supervisor restarted it after $(started_after "$(h_pid b)") s"
 }
 fault_flood() {
     t_start=$(now)
@@ -216,13 +205,16 @@ fault_iface_gone() {
     h_exec b ip link delete uart2eth0
     t_end=$t_start
     wait_new_daemon b "$old"
-    note="b's uart2eth0 deleted; watcher restarted b after $(started_after "$(h_pid b)") s"
+    note="b's uart2eth0 deleted; supervisor restarted b after $(started_after "$(h_pid b)") s"
 }
 fault_iface_gone_nowatch() {
-    s80 b stop >/dev/null  # the daemon with it; started again alone, as without the watcher
+    s80 b stop >/dev/null  # the daemon with it; started again alone, as without the supervisor
     h_exec b env S2E_PIDFILE="$H_DIR/b.pid" "$H_DIR/b.S80serialtoeth" status >/dev/null || true
     # Left to the namespace's first process, as the boot script leaves it to init.
     h_exec b sh -c "cd /root; $S2E_DAEMON >>$(h_out b) 2>&1 </dev/null &"
+    # Its identity by hand, as nothing else gives it.
+    h_exec b sh -c 'until ip link set dev uart2eth0 address 02:53:32:45:00:02 2>/dev/null; do sleep 0.1; done
+        ip addr add 10.99.0.2/24 dev uart2eth0'
     wait_side b
     sleep 2
     base_b=$(cpu_ns "$(h_pid b)") rss_b0=$(rss_kb "$(h_pid b)") fds_b0=$(nfds "$(h_pid b)")
@@ -239,7 +231,7 @@ fault_iface_gone_nowatch() {
         'BEGIN{printf "%.1f", 100 * c / 1e9 / (e - s)}')
     kill -KILL "$(h_pid b)"
     s80 b start >/dev/null
-    note="no watcher: b alive, $gone replies in 10 s; then boot script start"
+    note="no supervisor: b alive, $gone replies in 10 s; then boot script start"
 }
 fault_uart_gone() {
     local old path
@@ -252,7 +244,7 @@ fault_uart_gone() {
     h_exec b ln -s "$path" /dev/zynq_uart0
     t_end=$(now)
     wait_new_daemon b "$old"
-    note="b's UART hung up and its node gone 5 s, then a new one; watcher restarted b $(awk -v a="$(started_after "$(h_pid b)")" 'BEGIN{printf "%.1f", a - 5}') s after"
+    note="b's UART hung up and its node gone 5 s, then a new one; supervisor restarted b $(awk -v a="$(started_after "$(h_pid b)")" 'BEGIN{printf "%.1f", a - 5}') s after"
 }
 ipc_id() { h_exec b "$S2E_TESTBED_DIR/supervisor_emu" status | grep -o "$1=[-0-9]*" | cut -d= -f2; }
 fault_ipc_supervisor() {
@@ -273,7 +265,7 @@ fault_ipc_monitor() {
     t_end=$(now)
     h_find_daemon b || true
     note="b's monitor queue ($id) removed, 12 s$([ "$(h_pid b)" = "$old" ] ||
-        echo "; watcher restarted b after $(started_after "$(h_pid b)") s")"
+        echo "; supervisor restarted b after $(started_after "$(h_pid b)") s")"
 }
 fault_ipc_status() {
     t_start=$(now)

@@ -50,18 +50,18 @@ install(CODE "
     else()
         set(S2E_DAEMON_PATH \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/SerialToEth\")
     endif()
-    set(S2E_SHAPE_PATH \"\${CMAKE_INSTALL_PREFIX}/lib/serialtoeth/serialtoeth-shape\")
-    set(S2E_WATCH_PATH \"\${CMAKE_INSTALL_PREFIX}/lib/serialtoeth/serialtoeth-watch\")
+    set(S2E_SUPERVISE_PATH \"\${CMAKE_INSTALL_PREFIX}/lib/serialtoeth/serialtoeth-supervise\")
     configure_file(\"${_s2e_pkg_src}/init.d/S80serialtoeth.in\" \"${_s2e_pkg_gen}/S80serialtoeth\" @ONLY)
     configure_file(\"${_s2e_pkg_src}/debian/serialtoeth.init.in\" \"${_s2e_pkg_gen}/serialtoeth\" @ONLY)
     configure_file(\"${_s2e_pkg_src}/systemd/serialtoeth.service.in\"
                    \"${_s2e_pkg_gen}/serialtoeth.service\" @ONLY)
 " ALL_COMPONENTS)
 install(FILES ${_s2e_pkg_gen}/serialtoeth.service DESTINATION ${S2E_INSTALL_UNITDIR})
-# The egress shaping the scripts and the unit run after starting the daemon; no user's command.
-install(PROGRAMS ${_s2e_pkg_src}/serialtoeth-shape DESTINATION lib/serialtoeth)
-# Restarts the daemon when its interface or UART is lost under it; run by the scripts and the unit.
-install(PROGRAMS ${_s2e_pkg_src}/serialtoeth-watch DESTINATION lib/serialtoeth)
+# The supervisor that the init scripts wrap and the unit runs around the daemon (restarts, log,
+# identity), the egress shaping it runs after every start, and the settings both read (run alone,
+# it shows them checked); no user's commands.
+install(PROGRAMS ${_s2e_pkg_src}/serialtoeth-supervise ${_s2e_pkg_src}/serialtoeth-shape
+                 ${_s2e_pkg_src}/serialtoeth-settings DESTINATION lib/serialtoeth)
 install(PROGRAMS ${_s2e_pkg_gen}/S80serialtoeth DESTINATION ${S2E_INSTALL_INITDIR} COMPONENT board)
 
 # The Debian package's own files. The package is native (built from this tree, no separate
@@ -79,6 +79,10 @@ add_custom_target(debian_changelog ALL DEPENDS ${_s2e_pkg_gen}/changelog.gz)
 set(_s2e_docdir ${CMAKE_INSTALL_DATAROOTDIR}/doc/serialtoeth)
 install(FILES ${_s2e_pkg_src}/debian/copyright ${_s2e_pkg_gen}/changelog.gz
         DESTINATION ${_s2e_docdir} COMPONENT debian EXCLUDE_FROM_ALL)
+# Giving uart2eth0 its address and a fixed hardware address: an ifupdown stanza, systemd-networkd's
+# .network and .link files, or the defaults file.
+install(DIRECTORY ${_s2e_pkg_src}/examples/ DESTINATION ${_s2e_docdir}/examples COMPONENT debian
+        EXCLUDE_FROM_ALL)
 install(PROGRAMS ${_s2e_pkg_gen}/serialtoeth DESTINATION /etc/init.d COMPONENT debian EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR DEB)
@@ -106,8 +110,12 @@ set(CPACK_SET_DESTDIR ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-# Written by hand: dpkg-shlibdeps knows no arm64 libraries on an amd64 build machine.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libstdc++6 (>= 12)")
+# Written by hand: dpkg-shlibdeps knows no arm64 libraries on an amd64 build machine. The daemon
+# runs "ifconfig" (net-tools) and "killall udhcpc" (psmisc) through the shell; the shaping needs
+# tc (iproute2), without which the bridge runs unshaped.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libstdc++6 (>= 12), net-tools, psmisc")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "ifupdown")
 if(CMAKE_CROSSCOMPILING)
     if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
         set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)

@@ -16,8 +16,8 @@
 #                                   and /run is a tmpfs of its own (the tap's socket, pid files).
 #                                   Returns once the daemon has started its dispatcher thread.
 #                                   --boot-script: started as on the board, by the boot script
-#                                   (packaging/init.d/S80serialtoeth.in start) with its watcher
-#                                   (packaging/serialtoeth-watch) in force; its pid file is
+#                                   (packaging/init.d/S80serialtoeth.in start) and so under its
+#                                   supervisor (packaging/serialtoeth-supervise); its pid file is
 #                                   $H_DIR/NAME.pid, as the namespace sees it, and /sys is that
 #                                   network namespace's.
 #   h_find_daemon NAME              find the daemon's pid again, after a restart; fails if none
@@ -118,7 +118,6 @@ h_inner() {
     if [ -n "$boot" ]; then
         mount -t sysfs s2e-sys /sys
         S2E_DAEMON_BIN=$S2E_DAEMON S2E_PIDFILE=$boot.pid S2E_LOGFILE=$out \
-            S2E_WATCH_BIN=$S2E_SOURCE_DIR/packaging/serialtoeth-watch \
             "$boot.S80serialtoeth" start
         # This shell is the namespace's first process: it stays, and reaps what the script leaves.
         while :; do sleep 3600; done
@@ -138,9 +137,10 @@ h_daemon_start() {
             --boot-script)
                 [ -z "$S2E_EMULATOR" ] || h_die "--boot-script runs the build machine's daemon only"
                 boot=$H_DIR/$name
-                # An executable copy: the watcher restarts the daemon through the script's path.
-                install -m 0755 "$S2E_SOURCE_DIR/packaging/init.d/S80serialtoeth.in" \
-                    "$boot.S80serialtoeth" ;;
+                # The script as installed, with the supervisor of the source tree.
+                sed "s|@S2E_SUPERVISE_PATH@|$S2E_SOURCE_DIR/packaging/serialtoeth-supervise|" \
+                    "$S2E_SOURCE_DIR/packaging/init.d/S80serialtoeth.in" >"$boot.S80serialtoeth"
+                chmod 0755 "$boot.S80serialtoeth" ;;
             *) h_die "unknown option $1" ;;
         esac
         shift
@@ -176,15 +176,18 @@ h_daemon_start() {
         { cat "$out" >&2; h_die "daemon $name did not start"; }
 }
 
-# The daemon is the namespace's first process's child, or its orphan when a script started it.
+# The daemon is the namespace's first process's child, or, when a boot script started it, the
+# child of its supervisor, which that process has adopted.
 h_find_daemon() {
-    local p
+    local p q
     for p in $(cat "/proc/${H_SHELL[$1]}/task/${H_SHELL[$1]}/children" 2>/dev/null); do
-        if [ "$(cat "/proc/$p/comm" 2>/dev/null)" = SerialToEth ] &&
-            ! grep -q '^State:[[:space:]]*Z' "/proc/$p/status" 2>/dev/null; then
-            H_DPID[$1]=$p
-            return 0
-        fi
+        for q in "$p" $(cat "/proc/$p/task/$p/children" 2>/dev/null); do
+            if [ "$(cat "/proc/$q/comm" 2>/dev/null)" = SerialToEth ] &&
+                ! grep -q '^State:[[:space:]]*Z' "/proc/$q/status" 2>/dev/null; then
+                H_DPID[$1]=$q
+                return 0
+            fi
+        done
     done
     return 1
 }

@@ -12,7 +12,7 @@ as_root=()
 update=0
 packages=(cmake ninja-build g++ make pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev net-tools psmisc iproute2 util-linux procps iputils-ping
-          python3 clang-format lintian man-db systemd systemd-container tshark gnuplot-nox)
+          python3 clang-format lintian man-db systemd systemd-container tshark gnuplot-nox ifupdown)
 if [ "${1:-}" = "--cross" ]; then
     packages+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user busybox qemu-system-arm
                cpio)

@@ -29,8 +29,8 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 board_dir=build/aarch64/board
 qemu_base=(qemu-system-aarch64 -M virt -cpu cortex-a53 -m 256 -nodefaults -display none -no-reboot
-           -kernel "$board_dir/Image" -initrd "$board_dir/initramfs.cpio.gz"
-           -append "console=hvc0 quiet panic=-1" -device virtio-serial-device)
+           -kernel "$board_dir/Image" -initrd "$board_dir/initramfs.cpio.gz" -device virtio-serial-device)
+kernel_args="console=hvc0 quiet panic=-1"
 
 if [ "${S2E_BOARD_STAGE:-}" != run ]; then
     tools/install-deps.sh --cross
@@ -41,7 +41,7 @@ if [ "${S2E_BOARD_STAGE:-}" != run ]; then
     cmake --build --preset default --target SerialToEth supervisor_emu
     testbed/board/image.sh build/aarch64 "$board_dir"
     if [ "${1:-}" = shell ]; then
-        exec testbed/nsrun "${qemu_base[@]}" -chardev stdio,id=con,mux=on,signal=off -mon con \
+        exec testbed/nsrun "${qemu_base[@]}" -append "$kernel_args" -chardev stdio,id=con,mux=on,signal=off -mon con \
             -device virtconsole,chardev=con -chardev pty,id=uart -serial chardev:uart
     fi
     # unshare ignores SIGTERM while it waits: the kill after the grace time ends the namespaces.
@@ -93,12 +93,13 @@ summary() {
     [ "$failed" -eq 0 ]
 }
 
-# board_start NAME UART-CHARDEV-OPTIONS: boots a board whose console is the FIFO pair
-# $dir/NAME.con.{in,out} (read into $dir/NAME.log) and whose PL011 is the given character device.
+# board_start NAME UART-CHARDEV-OPTIONS [ADDRESS HWADDR]: boots a board whose console is the FIFO
+# pair $dir/NAME.con.{in,out} (read into $dir/NAME.log) and whose PL011 is the given character
+# device; uart2eth0 gets the address (/24) and hardware address from the board's ifupdown stanza.
 board_start() {
     local name=$1 uart=$2 fd
     mkfifo "$dir/$name.con.in" "$dir/$name.con.out"
-    "${qemu_base[@]}" -chardev "pipe,id=con,path=$dir/$name.con" -device virtconsole,chardev=con \
+    "${qemu_base[@]}" -append "$kernel_args${3:+ board.addr=$3 board.hw=$4}" -chardev "pipe,id=con,path=$dir/$name.con" -device virtconsole,chardev=con \
         -chardev "$uart,id=uart" -serial chardev:uart >"$dir/$name.qemu" 2>&1 &
     QPID[$name]=$!
     cat "$dir/$name.con.out" >"$dir/$name.log" &
@@ -229,6 +230,18 @@ board_checks() {
     UP0[$name]=$(board_run "$name" 10 'cut -d" " -f1 /proc/uptime') || true
 }
 
+# uart2eth0's IPv4 address and hardware address on board $1.
+identity_of() {
+    board_run "$1" 10 'ip -o -4 addr show dev uart2eth0 | awk "{print \$4}"; cat /sys/class/net/uart2eth0/address' |
+        tr '\n' ' ' | sed 's/ $//'
+}
+has_identity() { [ "$(identity_of "$1")" = "$2 $3" ]; }
+wait_identity() { # the supervisor gives it after its start check: up to 15 s
+    local i
+    for i in $(seq 30); do has_identity "$@" && return 0; sleep 0.5; done
+    return 1
+}
+
 uart_counts() { board_run "$1" 10 'cat /proc/tty/driver/ttyAMA' | sed -n 's/.*\(tx:[0-9]* rx:[0-9]*\).*/\1/p'; }
 
 # boards_finish NAME...: the status records once more, then power-off through rcK.
@@ -269,7 +282,7 @@ boards_finish() {
 
 if [ "${1:-}" = boot ]; then
     echo "== booting board a alone (UART unconnected)"
-    board_start a null
+    board_start a null 10.77.0.1 02:53:32:45:00:0a
     boards_boot a
     board_checks a
     boards_finish a
@@ -282,17 +295,17 @@ echo "== booting boards a, b (UART to UART) and c (UART to a pseudo-terminal) in
 # time and waits while the socket is full, and a UNIX socket charges each one-byte write a whole
 # buffer's overhead, so it is full after a few hundred bytes; with both directions full both
 # emulators wait on each other for ever. TCP joins small writes and holds plenty.
-board_start a "socket,host=127.0.0.1,port=$uart_port,server=on,wait=off"
+board_start a "socket,host=127.0.0.1,port=$uart_port,server=on,wait=off" 10.77.0.1 02:53:32:45:00:0a
 for i in $(seq 100); do ss -Hltn "sport = :$uart_port" | grep -q . && break; sleep 0.05; done
-board_start b "socket,host=127.0.0.1,port=$uart_port"
-board_start c pty
+board_start b "socket,host=127.0.0.1,port=$uart_port" 10.77.0.2 02:53:32:45:00:0b
+board_start c pty 10.78.0.1 02:53:32:45:00:0c
 boards_boot a b c
 pty=$(sed -n 's/.*char device redirected to \(\/dev\/pts\/[0-9]*\) (label uart).*/\1/p' "$dir/c.qemu")
 for name in a b c; do board_checks "$name"; done
 
-echo "== a <-> b: addresses set through the consoles, 10.77.0.1/24 on a, 10.77.0.2/24 on b"
-check "a: address set" board_run a 10 'ip addr add 10.77.0.1/24 dev uart2eth0'
-check "b: address set" board_run b 10 'ip addr add 10.77.0.2/24 dev uart2eth0'
+echo "== a <-> b: addresses from the boards' ifupdown stanzas, 10.77.0.1/24 on a, 10.77.0.2/24 on b"
+check "a: $(identity_of a)" has_identity a 10.77.0.1/24 02:53:32:45:00:0a
+check "b: $(identity_of b)" has_identity b 10.77.0.2/24 02:53:32:45:00:0b
 board_run a 10 'ping -c 1 -W 5 10.77.0.2' >/dev/null || true # resolve the address first
 out=$(board_run a 30 'ping -c 10 -i 0.2 10.77.0.2') || true
 echo "  ping a -> b: $(ping_line <<<"$out")"
@@ -340,11 +353,11 @@ check "TCP a -> b at $slow bytes/s: 60000 bytes arrive, at most at the shaped ra
 check "ping during it: 8 of 8 back, median $rtt_med ms and worst $rtt_max ms below 2 frames ($((2 * frame_ms)) ms)" eval \
     'ping_all_back "$out" 8 && awk -v m="$rtt_med" -v w="$rtt_max" -v f=$frame_ms "BEGIN{exit !(m < 2 * f && w < 2 * f)}"'
 
-echo "== c <-> this machine's daemon (harness namespaces, UART $pty), 10.78.0.1/24 on c"
+echo "== c <-> this machine's daemon (harness namespaces, UART $pty), 10.78.0.1/24 on c (its stanza)"
 check "c: QEMU names the pseudo-terminal of its UART" [ -n "$pty" ]
 h_daemon_start host --pty "$pty"
 h_addr host 10.78.0.2/24
-check "c: address set" board_run c 10 'ip addr add 10.78.0.1/24 dev uart2eth0'
+check "c: $(identity_of c)" has_identity c 10.78.0.1/24 02:53:32:45:00:0c
 h_exec host ping -c 1 -W 5 10.78.0.1 >/dev/null || true
 out=$(h_exec host ping -c 10 -i 0.2 10.78.0.1) || true
 echo "  ping host -> c: $(ping_line <<<"$out")"
@@ -359,11 +372,13 @@ old=$(board_run a 10 'cat /var/run/serialtoeth.pid') || true
 out=$(board_run a 30 '/etc/init.d/S80serialtoeth restart') || true
 echo "  restart: $(tr '\n' ' ' <<<"$out")"
 new=$(board_run a 10 'cat /var/run/serialtoeth.pid') || true
+shaped=$(board_run a 10 '/sbin/tc qdisc show dev uart2eth0') || true
 check "restart: stopped and started again, new pid $new (was $old), shaped again" eval \
     'grep -q "Stopping SerialToEth: OK" <<<"$out" && grep -q "Starting SerialToEth: OK" <<<"$out" &&
-     [ -n "$new" ] && [ "$new" != "$old" ] && grep -Eq "egress shaped: (cake|htb)" <<<"$out"'
-# The interface goes with the daemon that made it: the new one comes up without an address.
-board_run a 10 'ip addr add 10.77.0.1/24 dev uart2eth0' >/dev/null || true
+     [ -n "$new" ] && [ "$new" != "$old" ] && grep -Eq "^qdisc (cake|htb) " <<<"$shaped"'
+# The interface goes with the daemon that made it: the new one gets the stanza's identity again.
+wait_identity a 10.77.0.1/24 02:53:32:45:00:0a || true
+check "after restart: $(identity_of a)" has_identity a 10.77.0.1/24 02:53:32:45:00:0a
 out=$(board_run a 30 'ping -c 3 -W 5 10.77.0.2') || true
 check "after restart: ping a -> b, 3 of 3 back" ping_all_back "$out" 3
 out=$(board_run a 30 '/etc/init.d/S80serialtoeth stop') || true
@@ -375,6 +390,24 @@ check "after stop: status exits 3 and no SerialToEth runs" eval \
     'grep -qx "exit 3" <<<"$out" && ! grep -qE "^[0-9]+( |\$)" <<<"$out"'
 out=$(board_run a 30 '/etc/init.d/S80serialtoeth start') || true
 check "start: $out" grep -q "Starting SerialToEth: OK" <<<"$out"
+
+echo "== a's daemon killed (SIGKILL) during a ping b -> a every 0.2 s: restarted by its supervisor"
+wait_identity a 10.77.0.1/24 02:53:32:45:00:0a || true
+neigh() { board_run b 10 'ip neigh show 10.77.0.1 dev uart2eth0' | sed -n 's/.*lladdr \([0-9a-f:]*\).*/\1/p'; }
+board_run b 10 'ping -c 1 -W 5 10.77.0.1' >/dev/null || true
+before=$(neigh) || true
+board_run b 10 'sh -c "ping -c 80 -i 0.2 10.77.0.1 >/tmp/kill-ping.txt 2>&1 &"' >/dev/null
+sleep 3
+board_run a 10 'kill -KILL $(cat /var/run/serialtoeth.pid)' >/dev/null || true
+sleep 14
+out=$(board_run b 10 'cat /tmp/kill-ping.txt') || true
+after=$(neigh) || true
+# The longest run of pings without a reply, 0.2 s apart: about the time from the kill to the first
+# reply after it.
+lost=$(sed -n 's/.*seq=\([0-9]*\) .*/\1/p' <<<"$out" | awk 'NR > 1 && $1 - p - 1 > m {m = $1 - p - 1} {p = $1} END {print m + 0}')
+check "first reply about $(awk -v n="$lost" 'BEGIN{printf "%.1f", (n + 1) * 0.2}') s after the kill ($lost pings lost, at most 5 s), b's neighbour entry for a $before -> $after" \
+    eval '[ "$(grep -c "bytes from" <<<"$out")" -ge 40 ] && [ "$lost" -le 24 ] && [ -n "$before" ] &&
+          [ "$before" = "$after" ]'
 
 # board_tap_check NAME PTY PEER ADDRESS: serialtoeth-capture --attach --summary on the board while
 # this machine writes 600 bytes of noise into its UART (through the pseudo-terminal whose other end

@@ -3,8 +3,14 @@
 # sanitizer builds, the Debian package checks, the fuzz targets for a bounded time, and the AArch64
 # build under emulation with its package.
 # Any failure fails the run. S2E_FUZZ_SECONDS sets the time per fuzz target (default 30; longer runs: tools/run-fuzz.sh SECONDS).
+# Needs root (packages, namespaces, containers): as another user it stops before doing anything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+if [ "$(id -u)" -ne 0 ]; then
+    echo "run-tests.sh needs root: it installs packages, and its tests run in namespaces and" \
+         "containers of their own. Run it as root, or: sudo tools/run-tests.sh" >&2
+    exit 1
+fi
 tools/install-deps.sh --cross
 
 start=$(date +%s)

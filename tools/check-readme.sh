@@ -8,7 +8,7 @@
 #                                 namespaces of its own (testbed/e2e-harness.sh under testbed/nsrun):
 #                                 a's uart2eth0 10.77.0.1/24 and shaped, the far end b 10.77.0.2/24,
 #                                 a's output seen as /var/log/serialtoeth.log, the build's programs
-#                                 first on PATH
+#                                 first on PATH, from a scratch folder
 #   <!-- check: sdrun -->         in a throwaway systemd container (testbed/sdrun), from a folder
 #                                 holding this machine's package (build/default); /dev/ttyAMA0 is one
 #                                 side of the emulated line, whose other side is a daemon at
@@ -66,10 +66,11 @@ if [ "${1:-}" = --inside ]; then
             h_exec a sh -c 'mount -t tmpfs -o size=8m s2e-log /var/log &&
                 : >/var/log/serialtoeth.log && mount --bind "$1" /var/log/serialtoeth.log' \
                 sh "$(h_out a)" || setup_failed "/var/log/serialtoeth.log"
-            mkdir "$dir/bin-pair"
+            mkdir "$dir/bin-pair" "$dir/work-pair"
             ln -s "$S2E_DAEMON" "$root/build/default/capture/serialtoeth-capture" "$dir/bin-pair/"
             export PATH=$dir/bin-pair:$PATH
             runner=(h_exec a)
+            cwd=$dir/work-pair # files the blocks write go there, and vanish with it
             ;;
         sdrun)
             # The board's own name for its UART; the packaging turns it into /dev/zynq_uart0.
@@ -142,7 +143,11 @@ awk -v dir="$dir" '
     }
     inblock {
         print > file
-        if (first == "" && $0 !~ /^[ \t]*(#.*)?$/) { first = $0; sub(/^[ \t]+/, "", first) }
+        if (first == "" && $0 !~ /^[ \t]*(#.*)?$/) {
+            first = $0
+            sub(/^[ \t]+/, "", first)
+            sub(/[ \t][ \t]+#.*$/, "", first) # its comment
+        }
         next
     }
     /^```sh[ \t]*$/ {
@@ -153,7 +158,11 @@ awk -v dir="$dir" '
         spec = marker; marker = ""
         sub(/^<!-- check:[ \t]*/, "", spec); sub(/[ \t]*-->[ \t]*$/, "", spec)
         where = spec; opts = ""
-        if (index(spec, ";")) { where = substr(spec, 1, index(spec, ";") - 1); opts = substr(spec, index(spec, ";") + 1) }
+        cut = index(spec, ";")
+        if (spec !~ /^skip/ && cut) {
+            where = substr(spec, 1, cut - 1)
+            opts = substr(spec, cut + 1)
+        }
         gsub(/^[ \t]+|[ \t]+$/, "", where)
         if (where !~ /^skip/) {
             k = split(where, w, /[ \t]+/)

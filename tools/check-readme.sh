@@ -2,16 +2,16 @@
 # Runs the README's shell blocks where they can run, so that its commands cannot drift from the
 # tools. Every ```sh block follows a marker (an HTML comment, invisible on the rendered page) that
 # says where it runs:
-#   <!-- check: host -->          on this machine, from the top of the tree, as root; $ROOTFS names an
-#                                 empty scratch folder standing in for a board's root file system
+#   <!-- check: host -->          on this machine, from the top of the tree, as root; $ROOTFS names
+#                                 an empty scratch folder standing in for a board's root file system
 #   <!-- check: pair -->          on bridge a of two daemons joined by the emulated line, each in
-#                                 namespaces of its own (testbed/e2e-harness.sh under testbed/nsrun):
+#                                 namespaces of its own (testbed/e2e-harness.sh, testbed/nsrun):
 #                                 a's uart2eth0 10.77.0.1/24 and shaped, the far end b 10.77.0.2/24,
 #                                 a's output seen as /var/log/serialtoeth.log, the build's programs
 #                                 first on PATH, from a scratch folder
 #   <!-- check: sdrun -->         in a throwaway systemd container (testbed/sdrun), from a folder
-#                                 holding this machine's package (build/default); /dev/ttyAMA0 is one
-#                                 side of the emulated line, whose other side is a daemon at
+#                                 holding this machine's package (build/default); /dev/ttyAMA0 is
+#                                 one side of the emulated line, whose other side is a daemon at
 #                                 10.77.0.2/24 in namespaces of its own
 #   <!-- check: skip: REASON -->  not run; the reason is printed
 # A block with several places ("pair sdrun") runs in each. Options follow a ';':
@@ -155,13 +155,13 @@ awk -v dir="$dir" '
         n++
         file = sprintf("%s/%03d.sh", dir, n)
         inblock = 1; start = FNR; first = ""
-        spec = marker; marker = ""
-        sub(/^<!-- check:[ \t]*/, "", spec); sub(/[ \t]*-->[ \t]*$/, "", spec)
-        where = spec; opts = ""
-        cut = index(spec, ";")
-        if (spec !~ /^skip/ && cut) {
-            where = substr(spec, 1, cut - 1)
-            opts = substr(spec, cut + 1)
+        says = marker; marker = ""
+        sub(/^<!-- check:[ \t]*/, "", says); sub(/[ \t]*-->[ \t]*$/, "", says)
+        where = says; opts = ""
+        cut = index(says, ";")
+        if (says !~ /^skip/ && cut) {
+            where = substr(says, 1, cut - 1)
+            opts = substr(says, cut + 1)
         }
         gsub(/^[ \t]+|[ \t]+$/, "", where)
         if (where !~ /^skip/) {
@@ -175,10 +175,12 @@ awk -v dir="$dir" '
     END { if (inblock) fail("sh block not closed"); exit bad }
 ' "$readme" || { echo "check-readme: $readme: fix the markers above" >&2; exit 1; }
 touch "$dir/meta"
-basename "$readme" >"$dir/name"
+name=$(basename "$readme")
+echo "$name" >"$dir/name"
 
 if [ "$list" = 1 ]; then
-    awk -F'\037' -v f="$(cat "$dir/name")" '{ printf "%s:%-4d %-12s %-24s %s\n", f, $2, $3, $4, $5 }' "$dir/meta"
+    awk -F'\037' -v f="$name" '{ printf "%s:%-4d %-12s %-24s %s\n", f, $2, $3, $4, $5 }' \
+        "$dir/meta"
     exit 0
 fi
 if [ "$(id -u)" -ne 0 ]; then
@@ -186,13 +188,18 @@ if [ "$(id -u)" -ne 0 ]; then
          "containers of their own. Run it as root, or: sudo tools/check-readme.sh" >&2
     exit 1
 fi
-[ -x "$root/build/default/app/SerialToEth" ] ||
-    { echo "check-readme: build first: cmake --preset default && cmake --build --preset default" >&2; exit 1; }
+if [ ! -x "$root/build/default/app/SerialToEth" ]; then
+    echo "check-readme: build first: cmake --preset default && cmake --build --preset default" >&2
+    exit 1
+fi
 
 # Every line of the places' output goes to the terminal and to a log, whose verdicts end the run.
 {
-    awk -F'\037' -v f="$(cat "$dir/name")" '$3 ~ /^skip/ {
-        r = $3; sub(/^skip:?[ \t]*/, "", r); printf "SKIP %s:%d: %s (%s)\n", f, $2, $5, r }' "$dir/meta"
+    awk -F'\037' -v f="$name" '$3 ~ /^skip/ {
+        r = $3
+        sub(/^skip:?[ \t]*/, "", r)
+        printf "SKIP %s:%d: %s (%s)\n", f, $2, $5, r
+    }' "$dir/meta"
     for place in "${places[@]}"; do
         awk -F'\037' -v p="$place" '(" " $3 " ") ~ (" " p " ") { found = 1 } END { exit !found }' \
             "$dir/meta" || continue
@@ -203,7 +210,12 @@ fi
             pair) "$root/testbed/nsrun" bash "$self" --inside pair "$dir" || rc=$? ;;
             sdrun)
                 mkdir -p "$dir/pkg"
-                cpack -G DEB --config "$root/build/default/CPackConfig.cmake" -B "$dir/pkg" >/dev/null
+                if ! cpack -G DEB --config "$root/build/default/CPackConfig.cmake" \
+                    -B "$dir/pkg" >"$dir/cpack.log" 2>&1; then
+                    cat "$dir/cpack.log"
+                    echo "FAIL (sdrun): the package could not be built"
+                    continue
+                fi
                 rm -rf "$dir/pkg/_CPack_Packages"
                 "$root/testbed/sdrun" --bind-ro "$dir" bash "$self" --inside sdrun "$dir" || rc=$?
                 ;;
@@ -211,8 +223,8 @@ fi
         [ "$rc" -eq 0 ] || [ "$rc" -eq 3 ] || echo "FAIL ($place): ended with status $rc"
     done
 } 2>&1 | tee "$dir/log"
-echo "==== README blocks: $(grep -c '^---- ' "$dir/log") run, $(grep -c '^FAIL README' "$dir/log") failed," \
-     "$(grep -c '^SKIP ' "$dir/log") skipped"
+echo "==== README blocks: $(grep -c '^---- ' "$dir/log") run," \
+     "$(grep -c "^FAIL $name:" "$dir/log") failed, $(grep -c '^SKIP ' "$dir/log") skipped"
 if grep -q '^FAIL' "$dir/log"; then
     grep '^FAIL' "$dir/log"
     exit 1

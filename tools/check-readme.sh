@@ -73,8 +73,10 @@ if [ "${1:-}" = --inside ]; then
             cwd=$dir/work-pair # files the blocks write go there, and vanish with it
             ;;
         sdrun)
-            # The board's own name for its UART; the packaging turns it into /dev/zynq_uart0.
-            ln -s "$H_PTY_A" /dev/ttyAMA0 || setup_failed "/dev/ttyAMA0"
+            # The board's own name for its UART, a device node as a board's is (the container's
+            # /dev is its own); the packaging turns it into /dev/zynq_uart0.
+            read -r major minor < <(stat -L -c '%t %T' "$H_PTY_A")
+            mknod /dev/ttyAMA0 c $((0x$major)) $((0x$minor)) || setup_failed "/dev/ttyAMA0"
             "$S2E_TESTBED_DIR/supervisor_emu" init >/dev/null || setup_failed "supervisor_emu init"
             h_daemon_start b --pty "$H_PTY_B" && h_addr b 10.77.0.2/24 || setup_failed "far end"
             cwd=$dir/pkg

@@ -13,7 +13,7 @@ if ! command -v dpkg-query >/dev/null; then
     echo "install-deps.sh: no dpkg here; the build machine must be Debian 12 (bookworm)" >&2
     exit 1
 fi
-release=$(. /etc/os-release 2>/dev/null && echo "${VERSION_CODENAME:-}")
+release=$(. /etc/os-release 2>/dev/null && echo "${VERSION_CODENAME:-}" || true)
 [ "$release" = bookworm ] ||
     echo "install-deps.sh: warning: made for Debian 12 (bookworm), this is ${release:-unknown}" >&2
 as_root=()

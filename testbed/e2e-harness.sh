@@ -263,7 +263,8 @@ if [ "${BASH_SOURCE[0]}" = "$0" ]; then
                  "$(grep -o 'fnv=[0-9a-f]*' "$H_DIR/recv.txt")" ]; then
                 echo "checksums match"
             else
-                echo "CHECKSUM MISMATCH"
+                echo "CHECKSUM MISMATCH: the transfer did not arrive intact" >&2
+                exit 1
             fi
             rate=$(sed -n 's/.*rate=\([0-9]*\).*/\1/p' "$H_DIR/recv.txt")
             pct=$(awk -v r="$rate" 'BEGIN{printf "%.1f", 100*r/57600}')

@@ -74,9 +74,10 @@ if [ "${1:-}" = --inside ]; then
             ;;
         sdrun)
             # The board's own name for its UART, a device node as a board's is (the container's
-            # /dev is its own); the packaging turns it into /dev/zynq_uart0.
-            read -r major minor < <(stat -L -c '%t %T' "$H_PTY_A")
-            mknod /dev/ttyAMA0 c $((0x$major)) $((0x$minor)) || setup_failed "/dev/ttyAMA0"
+            # /dev is its own); the packaging turns it into /dev/zynq_uart0. The line's side is
+            # bound there: a pty's node made anew with mknod opens with EIO, as it is not the
+            # devpts instance's own.
+            : >/dev/ttyAMA0 && mount --bind "$H_PTY_A" /dev/ttyAMA0 || setup_failed "/dev/ttyAMA0"
             "$S2E_TESTBED_DIR/supervisor_emu" init >/dev/null || setup_failed "supervisor_emu init"
             h_daemon_start b --pty "$H_PTY_B" && h_addr b 10.77.0.2/24 || setup_failed "far end"
             cwd=$dir/pkg

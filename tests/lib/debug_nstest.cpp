@@ -136,7 +136,7 @@ TEST_F(Debug, HexAndProtocolDumps) {
         EXPECT_EQ(peer.receive(), want) << n << " bytes";
     }
     FdCapture out;
-    debugLevel = 1;  // the record's dump is silent at 0
+    debugLevel = 1;     // the record's dump is silent at 0
     S_ProtocolMsg m{};  // its address lines follow the low four bits of the protocol number
     m.srcProtocol = 0x13;
     m.srcNPC.npID = 0x31;

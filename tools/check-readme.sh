@@ -220,7 +220,9 @@ fi
                     continue
                 fi
                 rm -rf "$dir/pkg/_CPack_Packages"
-                "$root/testbed/sdrun" --bind-ro "$dir" bash "$self" --inside sdrun "$dir" || rc=$?
+                # The tree too: the container's /tmp is its own, and a clone may live there.
+                "$root/testbed/sdrun" --bind-ro "$dir" --bind-ro "$root" \
+                    bash "$self" --inside sdrun "$dir" || rc=$?
                 ;;
         esac
         [ "$rc" -eq 0 ] || [ "$rc" -eq 3 ] || echo "FAIL ($place): ended with status $rc"

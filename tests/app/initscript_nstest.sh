@@ -3,7 +3,8 @@
 # /usr and /etc in this test's own namespaces), with dash and then busybox's sh as /bin/sh, around
 # a stand-in daemon that makes uart2eth0 and dies, floods its log or ignores SIGTERM on command:
 # bad settings, FAIL and OK, racing starts, the restart schedule, identity after a restart, the
-# log bound, a stop during a slow ifup, a stubborn daemon and a foreign pid.
+# log bound, a lost monitor queue, a getty on the UART, a stop during a slow ifup, a stubborn
+# daemon and a foreign pid.
 source "$(dirname "${BASH_SOURCE[0]}")/../support/isolate.sh"
 DESTDIR=$work/root cmake --install "$S2E_BINARY_DIR" --prefix /usr >/dev/null
 mount -t sysfs s2e-sys /sys
@@ -12,13 +13,14 @@ mount -t overlay s2e-usr -o "lowerdir=$work/root/usr:/usr,upperdir=$work/up,work
 mount -t overlay s2e-etc -o "lowerdir=$work/root/etc:/etc,upperdir=$work/eup,workdir=$work/ewk" /etc
 cat >"$work/bin/SerialToEth" <<'PY'
 #!/usr/bin/python3
-import fcntl, os, signal, struct, sys, time
+import ctypes, fcntl, os, signal, struct, sys, time
 mode = open(os.environ["STANDIN"]).read().strip()
 print("stand-in", os.getpid(), mode, time.clock_gettime(time.CLOCK_MONOTONIC), flush=True)
 if mode == "dies":
     sys.exit(0)
 if mode == "stubborn":
     signal.signal(signal.SIGTERM, signal.SIG_IGN)
+ctypes.CDLL(None).msgget(0x310000, 0o1600)  # the monitor queue, as the daemon makes it
 tap = os.open("/dev/net/tun", os.O_RDWR)
 fcntl.ioctl(tap, 0x400454ca, struct.pack("16sH22x", b"uart2eth0", 0x1002))
 os.system("ip link set uart2eth0 up")
@@ -108,6 +110,9 @@ Starting SerialToEth: OK"
     expect restart 0 "Stopping SerialToEth: OK
 Starting SerialToEth: OK"
     kill_daemon && up_again 10 "$pid" && wait_until 10 identity || fail "[$sh] defaults file's identity not applied after a restart"
+    # The supervisor looks at a daemon once its start is done, shaping last: only then is the queue seen.
+    pid=$(daemon) && wait_until 10 awk -v p="$pid" '$2 == p {s = 1} s && /^uart2eth0 egress/ {f = 1} END {exit !f}' "$log" && sleep 1 || fail "[$sh] no shaping line after a start"
+    ipcrm -Q 0x310000 && wait_until 10 grep -q "(pid $pid) stopped after .*: its monitor queue is gone" "$log" || fail "[$sh] not restarted when the monitor queue went"
     # The log bound while the daemon floods it, the supervisor's lines after a rotation included.
     echo S2E_LOG_SIZE=131072 >"$defaults" && mode flood && expect restart 0 "Stopping SerialToEth: OK
 Starting SerialToEth: OK"
@@ -126,6 +131,9 @@ Starting SerialToEth: OK"
     mode dies && expect start 1 "Starting SerialToEth: FAIL (SerialToEth ended at once; retrying with back-off, see $log)"
     mode ok && up_again 4 "" || fail "[$sh] not started again after a failed start"
     expect stop 0 "Stopping SerialToEth: OK"
+    cp "$(command -v sleep)" "$work/bin/getty" && { "$work/bin/getty" 60 </dev/null & }
+    expect start 1 "Starting SerialToEth: FAIL (/dev/zynq_uart0 (/dev/null) is held by getty (pid $!); retrying with back-off, see $log)"
+    kill $! && expect stop 0 "Stopping SerialToEth: OK"
     rm /dev/zynq_uart0 && S2E_UART="" expect start 1 "Starting SerialToEth: FAIL (/dev/zynq_uart0 is missing; retrying with back-off, see $log)"
     pid=$(daemon) && ln -s /dev/null /dev/zynq_uart0 && up_again 5 "$pid" || fail "[$sh] not restarted when the UART came"
     rm /dev/zynq_uart0 && expect stop 0 "Stopping SerialToEth: OK"

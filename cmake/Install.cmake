@@ -115,7 +115,7 @@ set(CPACK_STRIP_FILES ON)
 # tc (iproute2), without which the bridge runs unshaped.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libstdc++6 (>= 12), net-tools, psmisc")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "ifupdown")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "ifupdown, tshark | wireshark")
 if(CMAKE_CROSSCOMPILING)
     if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
         set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)

@@ -5,6 +5,28 @@
 #include <cstdio>
 #include <cstring>
 
+namespace {
+
+// What the daemon itself discarded or could not write: the count it adds to on its side of the
+// UART (tapKindIsRx tells which), and the reason shown with its bytes.
+struct DaemonDrop {
+    TapKind kind;
+    uint64_t DaemonCounts::*count;
+    const char* format;  // of the record's length
+};
+constexpr DaemonDrop kDaemonDrops[] = {
+    {TapKind::kSerialRingFull, &DaemonCounts::discarded,
+     "discarded by the daemon: %u bytes read from the UART, its serial ring full"},
+    {TapKind::kTunWriteFailed, &DaemonCounts::writeFailures,
+     "not written: uart2eth0 did not take this %u-byte packet"},
+    {TapKind::kUartTxUnsent, &DaemonCounts::writeFailures,
+     "not sent: the last %u bytes of a frame, not taken by the UART in 100 attempts"},
+    {TapKind::kTunRingFull, &DaemonCounts::discarded,
+     "discarded by the daemon: a %u-byte frame from uart2eth0, its tun ring full"},
+};
+
+}  // namespace
+
 TapView::TapView(PcapngCapture& capture, size_t chunk) {
     const std::string tap = " (the tap of SerialToEth), with the daemon's own drops and the gaps";
     rx_.label = "uart rx";
@@ -23,28 +45,6 @@ void TapView::record(const TapDecoder::Record& record) {
         case TapKind::kUartTx:
             tx_.tap->feed(record.body, record.length, record.timeNs);
             break;
-        case TapKind::kSerialRingFull:
-            ++rx_.daemon.discarded;
-            daemonDrop(
-                rx_, record,
-                "discarded by the daemon: %u bytes read from the UART, its serial ring full");
-            break;
-        case TapKind::kTunWriteFailed:
-            ++rx_.daemon.writeFailures;
-            daemonDrop(rx_, record, "not written: uart2eth0 did not take this %u-byte packet");
-            break;
-        case TapKind::kUartTxUnsent:
-            ++tx_.daemon.writeFailures;
-            daemonDrop(tx_, record,
-                       "not sent: the last %u bytes of a frame, not taken by the UART in 100 "
-                       "attempts");
-            break;
-        case TapKind::kTunRingFull:
-            ++tx_.daemon.discarded;
-            daemonDrop(
-                tx_, record,
-                "discarded by the daemon: a %u-byte frame from uart2eth0, its tun ring full");
-            break;
         case TapKind::kGap: {
             TapGap lost;
             memcpy(&lost, record.body, sizeof lost);
@@ -56,6 +56,14 @@ void TapView::record(const TapDecoder::Record& record) {
             refusal_.assign(reinterpret_cast<const char*>(record.body), record.length);
             break;
         case TapKind::kHello:
+            break;
+        default:
+            for (const DaemonDrop& drop : kDaemonDrops) {
+                if (drop.kind != record.kind) continue;
+                Side& side = tapKindIsRx(record.kind) ? rx_ : tx_;
+                ++(side.daemon.*drop.count);
+                daemonDrop(side, record, drop.format);
+            }
             break;
     }
 }

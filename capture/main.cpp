@@ -278,7 +278,8 @@ int main(int argc, char** argv) {
         } else if (a == "--extcap-interface") {
             const char* v = value();
             if (v == nullptr || std::string(v) != kExtcapInterface)
-                return usage("the only extcap interface is serialtoeth");
+                return usage(
+                    (std::string("the only extcap interface is ") + kExtcapInterface).c_str());
         } else if (a.compare(0, 17, "--extcap-version=") == 0) {
             // Every version so far speaks the calls answered here.
         } else if (a == "--extcap-capture-filter") {
